@@ -1,0 +1,123 @@
+#include "proxy.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include "text.h"
+
+namespace {
+
+constexpr char kSeparators[] = "; \t\r\n";
+
+// Value of a variable, null when unset or empty.
+const char* Variable(const char* name, const char* other_name) {
+  const char* value = getenv(name);
+  if ((value == nullptr || *value == '\0') && other_name != nullptr) value = getenv(other_name);
+  return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+void AppendEntry(TextBuffer* list, const char* scheme, const char* proxy) {
+  // A separator inside would make two entries of it.
+  if (proxy == nullptr || strpbrk(proxy, kSeparators) != nullptr) return;
+  if (list->size > 0) zelHttpText_AppendString(list, ";");
+  zelHttpText_AppendString(list, scheme);
+  zelHttpText_AppendString(list, proxy);
+}
+
+// "name", ".name" and "*.name" of the environment mean the host and everything below it.
+void AppendException(TextBuffer* list, const char* name, size_t size) {
+  if (size > 0 && name[0] == '*') ++name, --size;
+  if (size > 0 && name[0] == '.') ++name, --size;
+  if (size == 0) return;
+  if (list->size > 0) zelHttpText_AppendString(list, ";");
+  zelHttpText_Append(list, name, size);
+  zelHttpText_AppendString(list, ";*.");
+  zelHttpText_Append(list, name, size);
+}
+
+wchar_t* TakeWide(TextBuffer* buffer) {
+  wchar_t* wide = buffer->size > 0 && !buffer->failed ? zelHttpText_Widen(buffer->data) : nullptr;
+  zelHttpText_Free(buffer);
+  return wide;
+}
+
+// Whether a bypass entry covers the host: a name, "*.suffix", or "<local>" for names without a dot.
+bool Covers(const char* entry, size_t size, const char* host) {
+  const size_t host_size = strlen(host);
+  if (size == 7 && zelHttpText_HasPrefix(entry, "<local>", 7)) return strchr(host, '.') == nullptr && host[0] != '[';
+  if (size > 1 && entry[0] == '*' && entry[1] == '.') {
+    const size_t suffix = size - 1;
+    return host_size > suffix && zelHttpText_HasPrefix(host + host_size - suffix, entry + 1, suffix);
+  }
+  return host_size == size && zelHttpText_HasPrefix(host, entry, size);
+}
+
+bool IsBypassed(const char* bypass, const char* host) {
+  for (const char* entry = bypass; entry != nullptr && *entry != '\0';) {
+    entry += strspn(entry, kSeparators);
+    const size_t size = strcspn(entry, kSeparators);
+    if (size > 0 && Covers(entry, size, host)) return true;
+    entry += size;
+  }
+  return false;
+}
+
+// The part of an entry behind "scheme=", null when the entry is for another scheme.
+const char* EntryFor(const char* entry, size_t* size, bool secure) {
+  size_t letters = 0;
+  while (letters < *size && ((entry[letters] | 0x20) >= 'a' && (entry[letters] | 0x20) <= 'z'))
+    ++letters;
+  if (letters == *size || entry[letters] != '=') return entry;
+  const char* wanted = secure ? "https" : "http";
+  if (letters != strlen(wanted) || !zelHttpText_HasPrefix(entry, wanted, letters)) return nullptr;
+  *size -= letters + 1;
+  return entry + letters + 1;
+}
+
+bool HasScheme(const char* entry, size_t size) {
+  for (size_t i = 0; i + 2 < size; ++i) {
+    if (entry[i] == ':' && entry[i + 1] == '/' && entry[i + 2] == '/') return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+void zelHttpProxy_ReadEnvironment(wchar_t** list, wchar_t** bypass) {
+  *list = *bypass = nullptr;
+  const char* exceptions = Variable("no_proxy", "NO_PROXY");
+  if (exceptions != nullptr && strcmp(exceptions, "*") == 0) return;
+  const char* any = Variable("all_proxy", "ALL_PROXY");
+  const char* http = Variable("http_proxy", nullptr);
+  const char* https = Variable("https_proxy", "HTTPS_PROXY");
+  TextBuffer proxies = {};
+  AppendEntry(&proxies, "http=", http != nullptr ? http : any);
+  AppendEntry(&proxies, "https=", https != nullptr ? https : any);
+  *list = TakeWide(&proxies);
+  if (*list == nullptr || exceptions == nullptr) return;
+
+  TextBuffer names = {};
+  while (*exceptions != '\0') {
+    exceptions += strspn(exceptions, ", \t");
+    const size_t size = strcspn(exceptions, ", \t");
+    AppendException(&names, exceptions, size);
+    exceptions += size;
+  }
+  *bypass = TakeWide(&names);
+}
+
+char* zelHttpProxy_Select(const char* list, const char* bypass, bool secure, const char* host) {
+  TextBuffer proxy = {};
+  for (const char* entry = list; entry != nullptr && *entry != '\0' && proxy.size == 0;) {
+    entry += strspn(entry, kSeparators);
+    const size_t entry_size = strcspn(entry, kSeparators);
+    size_t size = entry_size;
+    const char* server = EntryFor(entry, &size, secure);
+    if (server != nullptr && size > 0 && !IsBypassed(bypass, host)) {
+      if (!HasScheme(server, size)) zelHttpText_AppendString(&proxy, "http://");
+      zelHttpText_Append(&proxy, server, size);
+    }
+    entry += entry_size;
+  }
+  return zelHttpText_Take(&proxy);
+}

@@ -1,0 +1,12 @@
+// Proxy settings: from the environment, and which proxy one exchange uses.
+#pragma once
+
+#include <wchar.h>
+
+// Proxy list and bypass list of the environment's http_proxy, https_proxy, all_proxy and no_proxy, malloc'ed, each null
+// when there is nothing (or no memory). HTTP_PROXY is not read: a CGI client could set it.
+void zelHttpProxy_ReadEnvironment(wchar_t** list, wchar_t** bypass);
+
+// The proxy for a host as a URL ("http://" unless the entry names a scheme), or "" for a direct connection. `list` and
+// `bypass` may be null. Malloc'ed; null when memory ran out.
+char* zelHttpProxy_Select(const char* list, const char* bypass, bool secure, const char* host);

@@ -1,0 +1,136 @@
+#include "utterance.h"
+
+#include "bridge.h"
+#include "ogg_formatter.h"
+#include "recognizer_record.h"
+
+namespace {
+
+constexpr uint32_t kChunkSize = 5120;             // room for the longest page that the formatter can write
+constexpr int32_t kFrameSamples = 640;            // 40 ms at 16 kHz
+constexpr int32_t kMaxUtteranceSamples = 960000;  // 60 s
+constexpr int32_t kMinUtteranceSamples = 3200;    // 200 ms
+constexpr int32_t kMaxBridgedSilentFrames = 6;    // the next frame without audio ends the utterance
+
+ZelRingBufferChunk AcquireFree(SttRecognizer* recognizer) {
+  ZelRingBufferChunk chunk{};
+  zelRingBuffer_Acquire(recognizer->ring_buffer, ZEL_RING_LANE_FREE, kChunkSize, &chunk);
+  return chunk;
+}
+
+// Appends the first `written` bytes of a free chunk to the current stream and gives the rest back.
+void CommitWritten(SttRecognizer* recognizer, ZelRingBufferChunk chunk, int32_t written) {
+  ZelRingBufferChunk rest{};
+  zelRingBuffer_SplitChunk(&chunk, static_cast<uint32_t>(written), &chunk, &rest);
+  zelRingBuffer_Commit(recognizer->ring_buffer, ZEL_RING_LANE_DATA, &chunk);
+  zelRingBuffer_Release(recognizer->ring_buffer, ZEL_RING_LANE_FREE, &rest);
+}
+
+void WriteAudio(SttRecognizer* recognizer, const SttAudioFrame& frame) {
+  // Nothing may reach lane 1 in front of the header pages.
+  if (recognizer->stream_begun == 0 && zelSttRecognizer_BeginStream(recognizer) == 0) return;
+
+  ZelRingBufferChunk chunk = AcquireFree(recognizer);
+  const OggFormatterPacket packet = {frame.data, static_cast<int32_t>(frame.size), kFrameSamples};
+  const int32_t written = zelContainerFormatterOgg_WritePacket(recognizer->formatter, &packet, chunk.data,
+                                                               static_cast<int32_t>(chunk.size));
+  if (written < 1) return zelRingBuffer_Release(recognizer->ring_buffer, ZEL_RING_LANE_FREE, &chunk);
+  ZelRingBufferChunk rest{};
+  zelRingBuffer_SplitChunk(&chunk, static_cast<uint32_t>(written), &chunk, &rest);
+  zelRingBuffer_Release(recognizer->ring_buffer, ZEL_RING_LANE_FREE, &rest);
+  zelRingBuffer_Commit(recognizer->ring_buffer, ZEL_RING_LANE_DATA, &chunk);
+}
+
+// Writes what the formatter still holds; false when the stream cannot be completed.
+bool FlushStream(SttRecognizer* recognizer) {
+  ZelRingBufferChunk chunk = AcquireFree(recognizer);
+  const int32_t written =
+      zelContainerFormatterOgg_Flush(recognizer->formatter, chunk.data, static_cast<int32_t>(chunk.size));
+  if (written < 0) {
+    zelRingBuffer_Release(recognizer->ring_buffer, ZEL_RING_LANE_FREE, &chunk);
+    return false;
+  }
+  CommitWritten(recognizer, chunk, written);
+  return true;
+}
+
+// Moves the finished stream out of lane 1; false, and what was taken is given back, when it does not come whole.
+bool TakeStream(SttRecognizer* recognizer, ZelRingBufferChunk* stream) {
+  const int32_t size = zelContainerFormatterOgg_GetTotalSize(recognizer->formatter);
+  if (size <= 0) return false;
+  *stream = {};
+  zelRingBuffer_Acquire(recognizer->ring_buffer, ZEL_RING_LANE_DATA, static_cast<uint32_t>(size), stream);
+  if (stream->size == static_cast<uint32_t>(size)) return true;
+  zelRingBuffer_Commit(recognizer->ring_buffer, ZEL_RING_LANE_FREE, stream);
+  return false;
+}
+
+uint32_t DiscardUtterance(SttRecognizer* recognizer) {
+  zelSttRecognizer_DiscardStream(recognizer);
+  return 0;
+}
+
+}  // namespace
+
+uint32_t zelSttRecognizer_PutAudioFrame(SttRecognizer* recognizer, const SttAudioFrame* frame) {
+  if (zelErr_Refuse(recognizer == nullptr, "E2022111441") || zelErr_Refuse(frame == nullptr, "E2022111442")) return 0;
+  if (zelAtomic_Load(&recognizer->enabled) == 0) return 0;
+
+  if (frame->data == nullptr) {
+    recognizer->silent_frames += 1;
+    if (recognizer->silent_frames <= kMaxBridgedSilentFrames) return 1;
+    zelSttRecognizer_EndUtterance(recognizer);
+  } else {
+    WriteAudio(recognizer, *frame);
+    recognizer->utterance_length += kFrameSamples;
+    if (recognizer->utterance_length >= kMaxUtteranceSamples) zelSttRecognizer_EndUtterance(recognizer);
+  }
+  recognizer->silent_frames = 0;
+  return 1;
+}
+
+uint32_t zelSttRecognizer_EndUtterance(SttRecognizer* recognizer) {
+  if (zelErr_Refuse(recognizer == nullptr, "E2022111437")) return 0;
+  if (recognizer->utterance_length == 0) return 0;
+  if (recognizer->utterance_length < kMinUtteranceSamples) return DiscardUtterance(recognizer);
+  ZelRingBufferChunk& slot = recognizer->utterance_slots[recognizer->fill_index];
+  if (zelAtomic_Load(&slot.size) != 0) {
+    zelErr_Notify(ZEL_ERR_LEVEL_WARNING,
+                  "W2023020741:Discarded an utterance because eight utterances are waiting to be recognized.");
+    return DiscardUtterance(recognizer);
+  }
+  ZelRingBufferChunk stream;
+  if (!FlushStream(recognizer) || !TakeStream(recognizer, &stream)) return DiscardUtterance(recognizer);
+
+  slot.data = stream.data;
+  zelAtomic_Store(&slot.size, stream.size);
+  recognizer->fill_index = (recognizer->fill_index + 1) % kSttUtteranceSlots;
+  zelSttRecognizer_BeginStream(recognizer);
+  recognizer->utterance_length = 0;
+  return 1;
+}
+
+uint32_t zelSttRecognizer_BeginStream(SttRecognizer* recognizer) {
+  if (zelErr_Refuse(recognizer == nullptr, "E2023020739")) return 0;
+  ZelRingBufferChunk chunk = AcquireFree(recognizer);
+  const int32_t written =
+      zelContainerFormatterOgg_WriteHeaders(recognizer->formatter, chunk.data, static_cast<int32_t>(chunk.size));
+  recognizer->stream_begun = written >= 0 ? 1 : 0;
+  if (written < 0) {
+    zelRingBuffer_Release(recognizer->ring_buffer, ZEL_RING_LANE_FREE, &chunk);
+    return 0;
+  }
+  CommitWritten(recognizer, chunk, written);
+  return 1;
+}
+
+void zelSttRecognizer_DiscardStream(SttRecognizer* recognizer) {
+  const uint32_t size = zelRingBuffer_GetDataSize(recognizer->ring_buffer, ZEL_RING_LANE_DATA);
+  if (size > 0) {
+    ZelRingBufferChunk chunk{};
+    zelRingBuffer_Acquire(recognizer->ring_buffer, ZEL_RING_LANE_DATA, size, &chunk);
+    zelRingBuffer_Commit(recognizer->ring_buffer, ZEL_RING_LANE_FREE, &chunk);
+  }
+  zelSttRecognizer_BeginStream(recognizer);
+  recognizer->utterance_length = 0;
+}

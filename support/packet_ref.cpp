@@ -1,0 +1,65 @@
+#include "packet_ref.h"
+
+#include "bridge.h"
+#include "ptr_queue.h"
+
+namespace {
+
+constexpr int32_t kRefSize = sizeof(PacketRef);
+constexpr int32_t kItemSize = sizeof(void*);
+constexpr int32_t kAlignmentSlack = alignof(PtrQueue);
+
+}  // namespace
+
+int32_t zelPacketRefPool_CalculateWorkSize(uint32_t capacity) {
+  if (capacity == 0 || static_cast<uint32_t>(INT32_MAX) / capacity <= kRefSize) return -1;
+  const int64_t total = int64_t{kRefSize + kItemSize} * capacity + int64_t{sizeof(PtrQueue)} + kAlignmentSlack;
+  return total > INT32_MAX ? -1 : static_cast<int32_t>(total);
+}
+
+PacketRefPool* zelPacketRefPool_Create(uint32_t capacity, void* work, int32_t work_size) {
+  const int32_t required = zelPacketRefPool_CalculateWorkSize(capacity);
+  if (required < 0) return nullptr;
+  PacketRefPool* pool = zelPtrQueue_Build(capacity, capacity * uint32_t{sizeof(PacketRef)}, required, work, work_size);
+  if (pool == nullptr) return nullptr;
+  auto* refs = reinterpret_cast<PacketRef*>(pool + 1);
+  for (uint32_t i = 0; i < capacity; ++i) {
+    refs[i] = {};
+    zelPtrQueue_Append(pool, &refs[i]);
+  }
+  return pool;
+}
+
+PacketRef* zelPacketRefPool_Take(PacketRefPool* pool, SttPacket* payload, uint32_t user_value, uint64_t user_word,
+                                 PacketReleaseCallback release_callback, void* release_context) {
+  if (pool == nullptr || payload == nullptr) return nullptr;
+  auto* ref = static_cast<PacketRef*>(zelPtrQueue_Take(pool));
+  if (ref == nullptr) return nullptr;
+  *ref = {payload, user_word, user_value, 1, pool, release_callback, release_context};
+  return ref;
+}
+
+uint32_t zelPacketRefPool_GetFreeCount(const PacketRefPool* pool) {
+  if (zelErr_Refuse(pool == nullptr, "E2021100513")) return 0;
+  return pool->write_index - pool->read_index;
+}
+
+void zelPacketRefPool_CheckAllReturned(const PacketRefPool* pool) {
+  if (pool == nullptr || pool->write_index - pool->read_index == pool->capacity) return;
+  zelErr_NotifyInvalidParameter("E2021100512");
+}
+
+SttPacket* zelPacketRef_GetPacket(PacketRef* ref) {
+  if (zelErr_Refuse(ref == nullptr, "E2021100520")) return nullptr;
+  return ref->payload;
+}
+
+void zelPacketRef_Release(PacketRef* ref) {
+  if (zelErr_Refuse(ref == nullptr, "E2021100523")) return;
+  if (ref->ref_count == 0) return zelErr_NotifyInvalidParameter("E2021100510");
+  if (ref->owner_queue == nullptr) return zelErr_NotifyInvalidParameter("E2021100511");
+  ref->ref_count -= 1;
+  if (ref->ref_count > 0) return;
+  if (ref->release_callback != nullptr) ref->release_callback(ref->release_context, ref);
+  zelPtrQueue_Append(ref->owner_queue, ref);
+}
