@@ -12,7 +12,7 @@ constexpr std::int32_t kLacingStorage = 1024;
 constexpr std::int32_t kOggRate = 48000;  // granule positions count samples at this rate (RFC 7845, section 4)
 constexpr std::int32_t kMinRate = 1;
 constexpr std::int32_t kMinPacket = 1;
-constexpr std::int32_t kMaxPacket = kBodyStorage / 2;  // two packets always fit libogg's storage
+constexpr std::int32_t kMaxPacket = kBodyStorage / 2;  // what a forced page leaves behind leaves room for one more
 
 constexpr std::int32_t kIdentificationLength = 19;
 constexpr std::int32_t kCommentLength = 16;
@@ -93,11 +93,12 @@ void SubmitHeldPacket(OggFormatter* formatter, bool last) {
   ogg_stream_packetin(&formatter->stream, &packet);
 }
 
-// Takes a page that libogg has finished; one that it would still collect as well, when the next packet might not fit.
+// A page that libogg has finished; when the next packet might not fit, also one that it would still collect: everything
+// queued, up to the 255 lacing values of a page.
 bool TakePage(OggFormatter* formatter, ogg_page* page) {
   ogg_stream_state* stream = &formatter->stream;
   const bool crowded = stream->body_fill - stream->body_returned + formatter->holding_capacity >= stream->body_storage;
-  return (crowded ? ogg_stream_flush(stream, page) : ogg_stream_pageout(stream, page)) != 0;
+  return (crowded ? ogg_stream_flush_fill(stream, page, kBodyStorage) : ogg_stream_pageout(stream, page)) != 0;
 }
 
 }  // namespace
@@ -112,7 +113,7 @@ std::int32_t zelContainerFormatterOgg_CalculateWorkSize(const ZelContainerFormat
   zelWorkSize_Add(&size, kBodyStorage, 1, 1);
   zelWorkSize_Add(&size, sizeof(int), kLacingStorage, 4);
   zelWorkSize_Add(&size, sizeof(ogg_int64_t), kLacingStorage, 8);
-  return zelWorkSize_Total(&size);
+  return zelWorkSize_Result(&size);
 }
 
 OggFormatter* zelContainerFormatterOgg_Create(const ZelContainerFormatterOggConfig* config, void* work,

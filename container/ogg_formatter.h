@@ -66,5 +66,5 @@ std::int32_t zelContainerFormatterOgg_WritePacket(OggFormatter* formatter, const
 // Ends the stream: all that is left, the last page marked. Without any packet: E2022110231.
 std::int32_t zelContainerFormatterOgg_Flush(OggFormatter* formatter, std::uint8_t* output, std::int32_t capacity);
 
-// Bytes of the whole stream once it has been ended, otherwise -1.
+// Bytes of the whole stream once a flush has ended it, otherwise -1.
 std::int32_t zelContainerFormatterOgg_GetTotalSize(OggFormatter* formatter);
