@@ -51,7 +51,7 @@ int32_t zelSttPacketPool_CalculateWorkSize(uint32_t n) {
   zelWorkSize_Add(&size, sizeof(SttPacket), n, kAlignment);
   zelWorkSize_Add(&size, sizeof(void*), n, kAlignment);
   zelWorkSize_Add(&size, zelPacketRefPool_CalculateWorkSize(n), 1, 1);
-  return zelWorkSize_Total(&size);
+  return zelWorkSize_Result(&size);
 }
 
 SttPacketPool* zelSttPacketPool_Create(uint32_t n, void* work, int32_t work_size) {

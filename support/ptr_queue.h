@@ -26,8 +26,7 @@ uint32_t zelPtrQueue_GetCount(const PtrQueue* queue);
 // Pops every entry and releases it as a PacketRef: 1; 0 for a null queue (E2021100519).
 uint32_t zelPtrQueue_ReleaseAll(PtrQueue* queue);
 
-// ---- For containers built around a queue
-// --------------------------------------------------------------------------------
+// ---- For containers built around a queue ----
 
 // Lays out a queue header in `work`, rounded up to 8 bytes, `record_bytes` of records behind it and the items behind
 // those. `required` is the work size that `work_size` must reach. Null, without a report, when that fails or does not
