@@ -97,8 +97,8 @@ void CarveBuffers(Carving* carving, WreqAsync* handle, const ZelWreqAsyncConfig&
 
 void LinkBuffers(WreqAsync* handle, const ZelWreqAsyncConfig& limits) {
   for (std::int32_t i = 0; i < limits.max_headers; ++i) {
-    handle->keys[i] = handle->key_storage + std::int64_t{i} * limits.max_header_key_length;
-    handle->values[i] = handle->value_storage + std::int64_t{i} * limits.max_header_value_length;
+    handle->keys[i] = handle->key_storage + std::int64_t{i} * Bytes(limits.max_header_key_length);
+    handle->values[i] = handle->value_storage + std::int64_t{i} * Bytes(limits.max_header_value_length);
     handle->headers[i] = {handle->keys[i], handle->values[i]};
   }
   handle->request.url = handle->url;
@@ -236,7 +236,7 @@ std::int32_t zelWreqAsync_CalculateWorkSize(const ZelWreqAsyncConfig* config) {
   zelWorkSize_Add(&size, 1, Bytes(config->max_response_body_length), 1);
   zelWorkSize_Add(&size, ZEL_HOST_OBJECT_WORK_SIZE, 1, 1);
   zelWorkSize_Add(&size, ZEL_HOST_OBJECT_WORK_SIZE, 1, 1);
-  return zelWorkSize_Total(&size);
+  return zelWorkSize_Result(&size);
 }
 
 WreqAsync* zelWreqAsync_Create(const ZelWreqAsyncConfig* config, void* work, std::int32_t work_size) {

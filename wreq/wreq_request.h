@@ -35,6 +35,7 @@ enum WreqErrorKind : std::uint32_t {
   WREQ_ERROR_INTERNAL = 6,
 };
 
+// Everything but the buffer is cleared when a request is accepted.
 struct WreqResponse {
   std::uint32_t status_code;  // written on success only
   std::uint32_t error_kind;   // WreqErrorKind of the last platform error met

@@ -118,12 +118,17 @@ const char* FindLocation(const char* head, size_t* size) {
   return *size > 0 ? value : nullptr;
 }
 
-// Hands the cookies of a redirect to libcurl for the next request to the same origin.
+// Hands the cookies of a redirect to libcurl for the next request to the same origin. libcurl looks cookies up by
+// domain, so each gets this host's, in place of one that it may name itself.
 DWORD KeepCookies(Request* request) {
   const char* line = request->transfer.head.data;
   while ((line = FindLine(line, "Set-Cookie:")) != nullptr) {
     const size_t size = strcspn(line, "\r");
-    char* cookie = strndup(line, size);
+    TextBuffer buffer = {};
+    zelHttpText_Append(&buffer, line, size);
+    zelHttpText_AppendString(&buffer, "; domain=");
+    zelHttpText_AppendString(&buffer, request->endpoint.host);
+    char* cookie = zelHttpText_Take(&buffer);
     const bool ok =
         cookie != nullptr && curl_easy_setopt(request->transfer.easy, CURLOPT_COOKIELIST, cookie) == CURLE_OK;
     free(cookie);

@@ -13,7 +13,7 @@ char Lower(char c) {
 bool Reserve(TextBuffer* buffer, size_t extra) {
   if (buffer->failed || extra >= SIZE_MAX / 4 - buffer->size) return false;
   const size_t needed = buffer->size + extra + 1;
-  if (needed <= buffer->capacity) return true;
+  if (buffer->data != nullptr && needed <= buffer->capacity) return true;
   const size_t capacity = needed < 128 ? 128 : 2 * needed;
   char* data = static_cast<char*>(realloc(buffer->data, capacity));
   if (data == nullptr) return false;
@@ -22,7 +22,8 @@ bool Reserve(TextBuffer* buffer, size_t extra) {
   return true;
 }
 
-size_t EncodeUtf8(unsigned long point, char* bytes) {
+size_t EncodeUtf8(uint32_t point, char* bytes) {
+  if (point > 0x10FFFF) point = 0xFFFD;
   if (point < 0x80) {
     bytes[0] = static_cast<char>(point);
     return 1;
@@ -85,8 +86,7 @@ char* zelHttpText_ToUtf8(const wchar_t* text, size_t length) {
   if (bytes == nullptr) return nullptr;
   size_t size = 0;
   for (size_t i = 0; i < length; ++i) {
-    const unsigned long unit = static_cast<unsigned long>(text[i]);
-    size += EncodeUtf8(unit > 0x10FFFF ? 0xFFFD : unit, bytes + size);
+    size += EncodeUtf8(static_cast<uint32_t>(text[i]), bytes + size);
   }
   bytes[size] = '\0';
   return bytes;

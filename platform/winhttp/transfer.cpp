@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr size_t kMaxHeadSize = 64 * 1024;
+constexpr size_t kMaxHeadSize = 65536;
 constexpr long kReceiveBufferSize = 8192;
 constexpr int64_t kNanosecondsPerMillisecond = 1000000;
 

@@ -15,7 +15,7 @@
 #include "error_map.h"
 #include "text.h"
 
-constexpr size_t kTransferQueueCapacity = 2 * CURL_MAX_WRITE_SIZE;
+constexpr size_t kTransferQueueCapacity = size_t{2} * CURL_MAX_WRITE_SIZE;
 
 // Milliseconds; 0 or less: unlimited.
 struct TransferLimits {

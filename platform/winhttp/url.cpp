@@ -10,12 +10,12 @@
 
 namespace {
 
-bool HasWidePrefix(const wchar_t* text, size_t length, const char* lower_case_prefix) {
-  const size_t size = strlen(lower_case_prefix);
+bool HasPrefix(const wchar_t* text, size_t length, const wchar_t* lower_case_prefix) {
+  const size_t size = wcslen(lower_case_prefix);
   if (length < size) return false;
   for (size_t i = 0; i < size; ++i) {
     const wchar_t c = text[i] >= L'A' && text[i] <= L'Z' ? text[i] - L'A' + L'a' : text[i];
-    if (c != static_cast<unsigned char>(lower_case_prefix[i])) return false;
+    if (c != lower_case_prefix[i]) return false;
   }
   return true;
 }
@@ -81,6 +81,7 @@ char* EscapeLocation(const char* location, size_t size) {
 }
 
 DWORD ErrorOfUrlCode(CURLUcode code) {
+  if (code == CURLUE_OK) return 0;
   if (code == CURLUE_OUT_OF_MEMORY) return ERROR_NOT_ENOUGH_MEMORY;
   return code == CURLUE_UNSUPPORTED_SCHEME ? ERROR_WINHTTP_UNRECOGNIZED_SCHEME : ERROR_WINHTTP_INVALID_URL;
 }
@@ -88,8 +89,8 @@ DWORD ErrorOfUrlCode(CURLUcode code) {
 }  // namespace
 
 DWORD zelHttpUrl_Split(const wchar_t* url, size_t length, UrlParts* parts) {
-  const bool secure = HasWidePrefix(url, length, "https:");
-  if (!secure && !HasWidePrefix(url, length, "http:")) return ERROR_WINHTTP_UNRECOGNIZED_SCHEME;
+  const bool secure = HasPrefix(url, length, L"https:");
+  if (!secure && !HasPrefix(url, length, L"http:")) return ERROR_WINHTTP_UNRECOGNIZED_SCHEME;
   const wchar_t* end = url + length;
   url += secure ? 6 : 5;
   if (end - url < 3 || url[0] != L'/' || url[1] != L'/') return ERROR_WINHTTP_INVALID_URL;
@@ -132,20 +133,20 @@ bool zelHttpUrl_IsHost(const char* host) {
   return length > 0 && strcmp(host + 1 + length, "]") == 0;
 }
 
-wchar_t* zelHttpUrl_Resolve(const char* base, const char* location, size_t size, DWORD* error) {
+DWORD zelHttpUrl_Resolve(const char* base, const char* location, size_t size, wchar_t** url) {
   const void* fragment = memchr(location, '#', size);
   if (fragment != nullptr) size = static_cast<size_t>(static_cast<const char*>(fragment) - location);
   char* reference = EscapeLocation(location, size);
-  CURLU* url = curl_url();
+  CURLU* parts = curl_url();
   char* text = nullptr;
-  CURLUcode code = url != nullptr && reference != nullptr ? CURLUE_OK : CURLUE_OUT_OF_MEMORY;
-  if (code == CURLUE_OK) code = curl_url_set(url, CURLUPART_URL, base, 0);
-  if (code == CURLUE_OK) code = curl_url_set(url, CURLUPART_URL, reference, 0);
-  if (code == CURLUE_OK) code = curl_url_get(url, CURLUPART_URL, &text, 0);
-  wchar_t* wide = text != nullptr ? zelHttpText_Widen(text) : nullptr;
-  *error = wide != nullptr ? 0 : ErrorOfUrlCode(code == CURLUE_OK ? CURLUE_OUT_OF_MEMORY : code);
+  CURLUcode code = parts != nullptr && reference != nullptr ? CURLUE_OK : CURLUE_OUT_OF_MEMORY;
+  if (code == CURLUE_OK) code = curl_url_set(parts, CURLUPART_URL, base, 0);
+  if (code == CURLUE_OK) code = curl_url_set(parts, CURLUPART_URL, reference, 0);
+  if (code == CURLUE_OK) code = curl_url_get(parts, CURLUPART_URL, &text, 0);
+  *url = code == CURLUE_OK ? zelHttpText_Widen(text) : nullptr;
+  if (code == CURLUE_OK && *url == nullptr) code = CURLUE_OUT_OF_MEMORY;
   curl_free(text);
-  curl_url_cleanup(url);
+  curl_url_cleanup(parts);
   free(reference);
-  return wide;
+  return ErrorOfUrlCode(code);
 }

@@ -27,6 +27,6 @@ char* zelHttpUrl_MakeTarget(const wchar_t* path, size_t length, DWORD* error);
 // Whether the text can be a host: letters, digits, "-._~", or something in brackets. Anything else names no host.
 bool zelHttpUrl_IsHost(const char* host);
 
-// The absolute URL that a Location value of `size` bytes means behind `base`, without fragment. Malloc'ed; null with
-// the number in `error`.
-wchar_t* zelHttpUrl_Resolve(const char* base, const char* location, size_t size, DWORD* error);
+// The absolute URL that a Location value of `size` bytes means behind `base`, without fragment, malloc'ed into `url`:
+// 0, or an error number and null.
+DWORD zelHttpUrl_Resolve(const char* base, const char* location, size_t size, wchar_t** url);
