@@ -31,8 +31,7 @@ constexpr ZelWreqAsyncConfig kWorkerLimits = {
     .max_response_body_length = 1232,
 };
 
-constexpr const char* kLanguages[] = {"ja-JP", "en-US", "zh-CN"};
-constexpr std::uint32_t kLanguageCount = sizeof(kLanguages) / sizeof(kLanguages[0]);
+constexpr const char* kLanguages[kSttLanguageCount] = {"ja-JP", "en-US", "zh-CN"};
 
 bool CarveBuffers(ZelFixedAllocatorRecord* carving, SttRequest* request) {
   const struct {
@@ -121,7 +120,7 @@ const char* FailureWord(const WreqResponse* response) {
   }
 }
 
-const char* Look(SttRequest* request, const char* key) {
+const char* ReplyValue(SttRequest* request, const char* key) {
   return zelJsonReader_GetString(request->json_work, key, "invalid_string");
 }
 
@@ -140,11 +139,12 @@ std::int32_t zelSttRequest_CalculateWorkSize(const SttRequestConfig* config) {
        {kUrlSize, kVersionSize, kTextSize, kSpeakerSize, kErrorCodeSize, kErrorMessageSize}) {
     zelWorkSize_Add(&size, 1, bytes, 1);
   }
-  return zelWorkSize_Total(&size);
+  return zelWorkSize_Result(&size);
 }
 
 SttRequest* zelSttRequest_Create(const SttRequestConfig* config, void* work, std::int32_t work_size) {
   if (zelErr_Refuse(config == nullptr, "E2022110907") || zelErr_Refuse(work == nullptr, "E2022110908")) return nullptr;
+  if (work_size < 0) return nullptr;
   zelMemory_Clear(work, static_cast<std::uint64_t>(work_size));
   ZelFixedAllocatorRecord carving;
   zelFixedAllocator_Create(work, work_size, &carving);
@@ -184,7 +184,7 @@ std::uint32_t zelSttRequest_SetAuthorization(SttRequest* request, const char* au
 std::uint32_t zelSttRequest_Start(SttRequest* request, const SttUtterance* utterance) {
   if (zelErr_Refuse(request == nullptr, "E2022110924") || zelErr_Refuse(utterance == nullptr, "E2022110925")) return 0;
   const char* language = "";
-  if (utterance->language < kLanguageCount) {
+  if (utterance->language < kSttLanguageCount) {
     language = kLanguages[utterance->language];
   } else {
     zelErr_NotifyInvalidParameter("E2022111008");
@@ -228,14 +228,14 @@ std::uint32_t zelSttRequest_CheckCompletion(SttRequest* request) {
 std::uint32_t zelSttRequest_ParseReply(SttRequest* request, WreqResponse* response) {
   if (zelErr_Refuse(request == nullptr, "E2022111014") || zelErr_Refuse(response == nullptr, "E2022111015")) return 0;
   zelJsonReader_Open(request->json_work, reinterpret_cast<char*>(response->data));
-  request->succeeded = std::strcmp(Look(request, "result"), "success") == 0 ? 1 : 0;
-  zelString_Copy(request->reply_version, kVersionSize, Look(request, "version"));
+  request->succeeded = std::strcmp(ReplyValue(request, "result"), "success") == 0 ? 1 : 0;
+  zelString_Copy(request->reply_version, kVersionSize, ReplyValue(request, "version"));
   if (request->succeeded == 1) {
-    zelString_Copy(request->reply_speaker, kSpeakerSize, Look(request, "speaker"));
-    zelString_Copy(request->reply_text, kTextSize, Look(request, "text"));
+    zelString_Copy(request->reply_speaker, kSpeakerSize, ReplyValue(request, "speaker"));
+    zelString_Copy(request->reply_text, kTextSize, ReplyValue(request, "text"));
   } else {
-    zelString_Copy(request->reply_error_code, kErrorCodeSize, Look(request, "error_code"));
-    zelString_Copy(request->reply_error_message, kErrorMessageSize, Look(request, "error_message"));
+    zelString_Copy(request->reply_error_code, kErrorCodeSize, ReplyValue(request, "error_code"));
+    zelString_Copy(request->reply_error_message, kErrorMessageSize, ReplyValue(request, "error_message"));
     zelErr_Notify2(
         ZEL_ERR_LEVEL_ERROR,
         "E2022110401:Failed to request SpeechToText because it is bad request.(ErrorCode:%s, ErrorMessage:%s)",

@@ -39,6 +39,9 @@ struct SttRequest {
   char* reply_error_message;  // 128 bytes, of the last unsuccessful reply
 };
 
+// Languages that there is a text for.
+inline constexpr std::uint32_t kSttLanguageCount = 3;
+
 struct SttRequestConfig {
   std::uint32_t reserved;  // 0; only the presence of the record is checked
 };

@@ -126,14 +126,14 @@ void StartNextRequest(SttRecognizer* recognizer) {
 }
 
 void DropDisabledAudio(SttRecognizer* recognizer) {
-  if (zelAtomic_Load(&recognizer->enabled) != 0) return;
+  // A frame that was being taken when the member was disabled is dropped by a later update.
+  if (zelAtomic_Load(&recognizer->enabled) != 0 || zelAtomic_Load(&recognizer->audio_busy) != 0) return;
   if (zelRingBuffer_GetDataSize(recognizer->ring_buffer, ZEL_RING_LANE_DATA) == 0) return;
   zelSttRecognizer_DiscardStream(recognizer);
-  recognizer->silent_frames = 0;
+  __atomic_store_n(&recognizer->silent_frames, 0, __ATOMIC_RELAXED);
 }
 
-// ---- The host's interface
-// -----------------------------------------------------------------------------------------------
+// ---- The host's interface ----
 
 uint32_t SetMemberId(SttRecognizer* recognizer, uint32_t member_id) {
   if (zelErr_Refuse(recognizer == nullptr, "E2022111438")) return 0;
@@ -179,11 +179,12 @@ int32_t zelSttRecognizer_CalculateWorkSize(const SttRecognizerConfig* config) {
   zelWorkSize_Add(&size, 1, sizes.texts, 1);
   zelWorkSize_Add(&size, ZEL_HOST_OBJECT_WORK_SIZE, 1, 1);
   zelWorkSize_Add(&size, sizes.request, 1, 1);
-  return zelWorkSize_Total(&size);
+  return zelWorkSize_Result(&size);
 }
 
 SttRecognizerHn zelSttRecognizer_Create(const SttRecognizerConfig* config, void* work, int32_t work_size) {
   if (zelErr_Refuse(config == nullptr, "E2022111405") || zelErr_Refuse(work == nullptr, "E2022111406")) return nullptr;
+  if (work_size < 0) return nullptr;
   if (zelErr_Refuse(config->check_value != kSttRecognizerConfigCheckValue, "E2022111705")) return nullptr;
 
   zelMemory_Clear(work, static_cast<uint64_t>(work_size));
@@ -274,7 +275,7 @@ uint32_t zelSttRecognizer_IsEnabledMember(SttRecognizerHn handle) {
 }
 
 uint32_t zelSttRecognizer_SetLanguage(SttRecognizerHn handle, uint32_t language) {
-  if (zelErr_Refuse(handle == nullptr, "E2022111424") || zelErr_Refuse(language > kSttMaxLanguage, "E2022111425"))
+  if (zelErr_Refuse(handle == nullptr, "E2022111424") || zelErr_Refuse(language >= kSttLanguageCount, "E2022111425"))
     return 0;
   handle->instance->language = language;
   return 1;

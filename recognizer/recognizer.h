@@ -17,7 +17,6 @@ struct SttRecognizerConfig {
 
 inline constexpr uint32_t kSttRecognizerConfigCheckValue = 16;
 inline constexpr uint32_t kSttNoMemberId = 0xFFFFFFFF;
-inline constexpr uint32_t kSttMaxLanguage = 2;
 
 // Bytes of work area, or -1: null configuration E2022111404, check value E2022111704, or a part without a size.
 int32_t zelSttRecognizer_CalculateWorkSize(const SttRecognizerConfig* config);

@@ -2,16 +2,15 @@
 //
 // Invariants:
 //  1. Lane 1 of the ring buffer holds exactly the pages of the current stream written so far.
-//  2. Slots are filled at fill_index and posted at send_index; both go round. A slot's bytes return to lane 0 only when
-//  the
-//     request that posted them has ended, so a request's body stays valid while it is in flight.
-//  3. A slot's byte count is its ownership word: 0 gives the slot to the audio path, anything else to the update. It is
-//  read
-//     and written through the atomic services, the data pointer before it, so that the two may overlap without a lock.
+//  2. Slots are filled at fill_index and posted at send_index; both go round. A slot's bytes return to lane 0 only
+//     when the request that posted them has ended, so a request's body stays valid while it is in flight.
+//  3. A slot's byte count is its ownership word: 0 gives the slot to the audio path, anything else to the update. It
+//     is read and written through the atomic services, the data pointer before it.
 //  4. utterance_length is 0 exactly when no frame with audio has been taken since the current stream began.
-//  5. mutex guards packet_queue, text_blocks and the packet pool; it is taken inside the session's mutex, never the
-//  other
-//     way round, and it is recursive.
+//  5. mutex guards packet_queue, text_blocks and the packets of the pool; it is taken inside the session's mutex,
+//     never the other way round, and it is recursive.
+//  6. While audio_busy is 1 the audio path owns the current stream. The update of a disabled member touches it only
+//     after it has seen 0; the audio path sets 1 before it reads enabled, so one of the two sees the other.
 #pragma once
 
 #include "zel_rtc_speech_to_text_host.h"
@@ -33,16 +32,18 @@ struct SttRecognizer {
   ZelRingBufferChunk utterance_slots[kSttUtteranceSlots];  // finished streams waiting to be posted
   int32_t send_index;                                      // slot being posted or next to post
   int32_t fill_index;                                      // slot of the next finished utterance
-  int32_t silent_frames;                                   // consecutive frames without audio
-  int32_t utterance_length;                                // samples at 16 kHz in the current utterance
-  SttPacketPool* packet_pool;
-  PtrQueue* packet_queue;  // text packets waiting for the host
-  PtrStack* text_blocks;   // free text blocks
-  void* mutex;
+  int32_t silent_frames;           // consecutive frames without audio; relaxed, cleared by the update as well
+  int32_t utterance_length;        // samples at 16 kHz in the current utterance
+  SttPacketPool* packet_pool;      // max_queueing_messages packets
+  PtrQueue* packet_queue;          // text packets waiting for the host
+  PtrStack* text_blocks;           // free text blocks
+  void* mutex;                     // recursive
   uint32_t max_text_message_size;  // bytes of one text block
   uint64_t time_base;              // timer count of time zero
   SttRequest* request;
-  uint32_t enabled;       // atomic, because the audio path reads it; 0 disables
-  uint32_t language;      // 0 to 2
+  uint32_t enabled;   // atomic; 0 disables
+  uint32_t language;  // 0 to 2
+  // Private from here on.
   uint32_t stream_begun;  // 1 while lane 1 starts with the header pages of the current stream
+  uint32_t audio_busy;    // atomic; 1 while the audio path works on the current stream
 };

@@ -2,7 +2,8 @@
 //
 // A text block belongs to exactly one of the stack of free blocks or one packet that is out (queued, or in the host's
 // hands). Thread rule: delivery runs on the update thread, PopTextPacket and the host's releases on the host's threads;
-// the recognizer's mutex serializes them. Invariant: at most as many packets are out as the queue has entries.
+// the recognizer's mutex serializes them, all but the way back of an envelope whose last reference the host drops.
+// Invariant: at most as many packets are out as the queue has entries.
 #pragma once
 
 #include "zel_rtc_speech_to_text_host.h"

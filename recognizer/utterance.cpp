@@ -26,15 +26,29 @@ void CommitWritten(SttRecognizer* recognizer, ZelRingBufferChunk chunk, int32_t 
   zelRingBuffer_Release(recognizer->ring_buffer, ZEL_RING_LANE_FREE, &rest);
 }
 
-void WriteAudio(SttRecognizer* recognizer, const SttAudioFrame& frame) {
-  // Nothing may reach lane 1 in front of the header pages.
-  if (recognizer->stream_begun == 0 && zelSttRecognizer_BeginStream(recognizer) == 0) return;
+// Gives all of lane 1 back. One chunk as a rule; a ring buffer that gives less is asked again.
+void EmptyDataLane(SttRecognizer* recognizer) {
+  uint32_t left = zelRingBuffer_GetDataSize(recognizer->ring_buffer, ZEL_RING_LANE_DATA);
+  while (left > 0) {
+    ZelRingBufferChunk chunk{};
+    zelRingBuffer_Acquire(recognizer->ring_buffer, ZEL_RING_LANE_DATA, left, &chunk);
+    if (chunk.size == 0) return;
+    zelRingBuffer_Commit(recognizer->ring_buffer, ZEL_RING_LANE_FREE, &chunk);
+    left -= chunk.size < left ? chunk.size : left;
+  }
+}
 
+void WriteAudio(SttRecognizer* recognizer, const SttAudioFrame& frame) {
+  if (recognizer->stream_begun == 0) {
+    EmptyDataLane(recognizer);
+    if (zelSttRecognizer_BeginStream(recognizer) == 0) return;
+  }
   ZelRingBufferChunk chunk = AcquireFree(recognizer);
   const OggFormatterPacket packet = {frame.data, static_cast<int32_t>(frame.size), kFrameSamples};
   const int32_t written = zelContainerFormatterOgg_WritePacket(recognizer->formatter, &packet, chunk.data,
                                                                static_cast<int32_t>(chunk.size));
   if (written < 1) return zelRingBuffer_Release(recognizer->ring_buffer, ZEL_RING_LANE_FREE, &chunk);
+  // Unlike at the ends of a stream, the rest goes back first.
   ZelRingBufferChunk rest{};
   zelRingBuffer_SplitChunk(&chunk, static_cast<uint32_t>(written), &chunk, &rest);
   zelRingBuffer_Release(recognizer->ring_buffer, ZEL_RING_LANE_FREE, &rest);
@@ -65,6 +79,30 @@ bool TakeStream(SttRecognizer* recognizer, ZelRingBufferChunk* stream) {
   return false;
 }
 
+// Whether one more frame without audio would leave the utterance open.
+bool IsBridged(const SttRecognizer* recognizer) {
+  return __atomic_load_n(&recognizer->silent_frames, __ATOMIC_RELAXED) < kMaxBridgedSilentFrames;
+}
+
+// The cheapest frame there is: it touches nothing but the counter.
+uint32_t CountSilence(SttRecognizer* recognizer) {
+  if (zelAtomic_Load(&recognizer->enabled) == 0) return 0;
+  const int32_t frames = __atomic_load_n(&recognizer->silent_frames, __ATOMIC_RELAXED);
+  __atomic_store_n(&recognizer->silent_frames, frames + 1, __ATOMIC_RELAXED);
+  return 1;
+}
+
+void TakeFrame(SttRecognizer* recognizer, const SttAudioFrame& frame) {
+  if (frame.data == nullptr) {
+    zelSttRecognizer_EndUtterance(recognizer);
+  } else {
+    WriteAudio(recognizer, frame);
+    recognizer->utterance_length += kFrameSamples;
+    if (recognizer->utterance_length >= kMaxUtteranceSamples) zelSttRecognizer_EndUtterance(recognizer);
+  }
+  __atomic_store_n(&recognizer->silent_frames, 0, __ATOMIC_RELAXED);
+}
+
 uint32_t DiscardUtterance(SttRecognizer* recognizer) {
   zelSttRecognizer_DiscardStream(recognizer);
   return 0;
@@ -74,19 +112,14 @@ uint32_t DiscardUtterance(SttRecognizer* recognizer) {
 
 uint32_t zelSttRecognizer_PutAudioFrame(SttRecognizer* recognizer, const SttAudioFrame* frame) {
   if (zelErr_Refuse(recognizer == nullptr, "E2022111441") || zelErr_Refuse(frame == nullptr, "E2022111442")) return 0;
-  if (zelAtomic_Load(&recognizer->enabled) == 0) return 0;
+  if (frame->data == nullptr && IsBridged(recognizer)) return CountSilence(recognizer);
 
-  if (frame->data == nullptr) {
-    recognizer->silent_frames += 1;
-    if (recognizer->silent_frames <= kMaxBridgedSilentFrames) return 1;
-    zelSttRecognizer_EndUtterance(recognizer);
-  } else {
-    WriteAudio(recognizer, *frame);
-    recognizer->utterance_length += kFrameSamples;
-    if (recognizer->utterance_length >= kMaxUtteranceSamples) zelSttRecognizer_EndUtterance(recognizer);
-  }
-  recognizer->silent_frames = 0;
-  return 1;
+  // First the word, then the flag: an update that finds the member disabled either sees the word or is seen here.
+  zelAtomic_Store(&recognizer->audio_busy, 1);
+  const bool enabled = zelAtomic_Load(&recognizer->enabled) != 0;
+  if (enabled) TakeFrame(recognizer, *frame);
+  zelAtomic_Store(&recognizer->audio_busy, 0);
+  return enabled ? 1 : 0;
 }
 
 uint32_t zelSttRecognizer_EndUtterance(SttRecognizer* recognizer) {
@@ -115,8 +148,10 @@ uint32_t zelSttRecognizer_BeginStream(SttRecognizer* recognizer) {
   ZelRingBufferChunk chunk = AcquireFree(recognizer);
   const int32_t written =
       zelContainerFormatterOgg_WriteHeaders(recognizer->formatter, chunk.data, static_cast<int32_t>(chunk.size));
-  recognizer->stream_begun = written >= 0 ? 1 : 0;
-  if (written < 0) {
+  // Nothing may stand in front of the header pages.
+  const bool begun = written >= 0 && zelRingBuffer_GetDataSize(recognizer->ring_buffer, ZEL_RING_LANE_DATA) == 0;
+  recognizer->stream_begun = begun ? 1 : 0;
+  if (!begun) {
     zelRingBuffer_Release(recognizer->ring_buffer, ZEL_RING_LANE_FREE, &chunk);
     return 0;
   }
@@ -125,12 +160,7 @@ uint32_t zelSttRecognizer_BeginStream(SttRecognizer* recognizer) {
 }
 
 void zelSttRecognizer_DiscardStream(SttRecognizer* recognizer) {
-  const uint32_t size = zelRingBuffer_GetDataSize(recognizer->ring_buffer, ZEL_RING_LANE_DATA);
-  if (size > 0) {
-    ZelRingBufferChunk chunk{};
-    zelRingBuffer_Acquire(recognizer->ring_buffer, ZEL_RING_LANE_DATA, size, &chunk);
-    zelRingBuffer_Commit(recognizer->ring_buffer, ZEL_RING_LANE_FREE, &chunk);
-  }
+  EmptyDataLane(recognizer);
   zelSttRecognizer_BeginStream(recognizer);
   recognizer->utterance_length = 0;
 }
