@@ -39,24 +39,26 @@ int32_t WorkSize(int32_t registry_size) {
   ZelWorkSizeRecord size;
   zelWorkSize_Begin(&size);
   zelWorkSize_Add(&size, registry_size, 1, 1);
-  return zelWorkSize_Total(&size);
+  return zelWorkSize_Result(&size);
+}
+
+// The registry's work size; negative after a report.
+int32_t RegistrySize() {
+  const int32_t size = zelSttRegistry_CalculateWorkSize(&kSttRegistryConfig);
+  if (size < 0) zelErr_Notify(ZEL_ERR_LEVEL_ERROR, "E2022111475:ZelRtcSpeechToText is failed to initialize.");
+  return size;
 }
 
 bool BuildRegistry(ZelFixedAllocatorRecord* carving) {
-  const int32_t size = zelSttRegistry_CalculateWorkSize(&kSttRegistryConfig);
-  if (size < 0) {
-    zelErr_Notify(ZEL_ERR_LEVEL_ERROR, "E2022111475:ZelRtcSpeechToText is failed to initialize.");
-    return false;
-  }
+  const int32_t size = RegistrySize();
+  if (size < 0) return false;
   void* work = zelFixedAllocator_Allocate(carving, static_cast<uint32_t>(size), 1);
-  if (zelSttRegistry_Initialize(&kSttRegistryConfig, work, static_cast<uint32_t>(size)) != 1) {
-    zelErr_Notify(ZEL_ERR_LEVEL_ERROR, "E2022111476:ZelRtcSpeechToText is failed to initialize.");
-    return false;
-  }
-  return true;
+  if (zelSttRegistry_Initialize(&kSttRegistryConfig, work, static_cast<uint32_t>(size)) == 1) return true;
+  zelErr_Notify(ZEL_ERR_LEVEL_ERROR, "E2022111476:ZelRtcSpeechToText is failed to initialize.");
+  return false;
 }
 
-bool BuildLibrary(const WorkArea& area) {
+bool BuildLibrary(const SttWorkArea& area) {
   zelMemory_Clear(area.memory, static_cast<uint64_t>(area.size));
   ZelFixedAllocatorRecord carving;
   zelFixedAllocator_Create(area.memory, area.size, &carving);
@@ -92,15 +94,9 @@ uint32_t zelRtcSpeechToText_Initialize(const ZelRtcSpeechToTextConfig* config, v
                     "(Library version is %s, but the specified version is %s.)")) {
     return 0;
   }
-  const int32_t registry_size = zelSttRegistry_CalculateWorkSize(&kSttRegistryConfig);
-  const int32_t required = WorkSize(registry_size);
-  if (required < 0) {
-    if (registry_size < 0) {
-      zelErr_Notify(ZEL_ERR_LEVEL_ERROR, "E2022111475:ZelRtcSpeechToText is failed to initialize.");
-    }
-    return 0;
-  }
-  WorkArea area;
+  const int32_t required = WorkSize(RegistrySize());
+  if (required < 0) return 0;
+  SttWorkArea area;
   if (!zelWorkArea_Obtain(work, work_size, required, kWorkAreaReports, &area)) return 0;
   if (!BuildLibrary(area)) {
     zelWorkArea_Return(area.own);

@@ -98,7 +98,7 @@ bool BuildBody(ZelFixedAllocatorRecord* carving, const ZelRtcSpeechToTextSession
   return true;
 }
 
-SttSession* BuildSession(const ZelRtcSpeechToTextSessionConfig& config, const WorkArea& area) {
+SttSession* BuildSession(const ZelRtcSpeechToTextSessionConfig& config, const SttWorkArea& area) {
   zelMemory_Clear(area.memory, static_cast<uint64_t>(area.size));
   ZelFixedAllocatorRecord carving;
   zelFixedAllocator_Create(area.memory, area.size, &carving);
@@ -142,13 +142,39 @@ void DestroyRecognizers(SttRecognizerList* list) {
   }
 }
 
-// The first active recognizer with that client id; null, with a warning that takes the id, when there is none.
-SttRecognizerHn FindMember(const SttSessionBody* body, const char* client_id, const char* warning) {
+// Identifiers of a member operation.
+struct MemberReports {
+  const char* null_session;
+  const char* null_client_id;
+  const char* not_found;  // warning that takes the client id
+};
+
+// The first active recognizer with that client id, or null.
+SttRecognizerHn FindMember(const SttSessionBody* body, const char* client_id) {
   for (const SttRecognizerNode* node = body->active_list.head; node != nullptr; node = node->next) {
     if (std::strcmp(zelSttRecognizer_GetClientId(node->recognizer), client_id) == 0) return node->recognizer;
   }
-  zelErr_Notify1(ZEL_ERR_LEVEL_WARNING, warning, zelErr_Argument(client_id));
   return nullptr;
+}
+
+// Runs `operation` on the member's recognizer under the session's mutex; `failure` after a report.
+template <typename Result, typename Operation>
+Result OnMember(SttSession* session, const char* client_id, const MemberReports& reports, Result failure,
+                Operation operation) {
+  if (!zelBridge_IsInstalled() || zelErr_Refuse(session == nullptr, reports.null_session) ||
+      zelErr_Refuse(client_id == nullptr, reports.null_client_id)) {
+    return failure;
+  }
+  Result result = failure;
+  zelMutex_Lock(session->body->mutex);
+  SttRecognizerHn member = FindMember(session->body, client_id);
+  if (member != nullptr) {
+    result = operation(member);
+  } else {
+    zelErr_Notify1(ZEL_ERR_LEVEL_WARNING, reports.not_found, zelErr_Argument(client_id));
+  }
+  zelMutex_Unlock(session->body->mutex);
+  return result;
 }
 
 }  // namespace
@@ -175,7 +201,7 @@ int32_t zelRtcSpeechToTextSession_CalculateWorkSize(const ZelRtcSpeechToTextSess
     zelWorkSize_Add(&size, sizeof(SttRecognizerNode), 1, 8);
     zelWorkSize_Add(&size, recognizer_size, 1, 1);
   }
-  return zelWorkSize_Total(&size);
+  return zelWorkSize_Result(&size);
 }
 
 ZelRtcSpeechToTextSessionHn zelRtcSpeechToTextSession_Create(const ZelRtcSpeechToTextSessionConfig* config, void* work,
@@ -188,7 +214,7 @@ ZelRtcSpeechToTextSessionHn zelRtcSpeechToTextSession_Create(const ZelRtcSpeechT
   if (config == nullptr) config = &kDefaultConfig;
   const int32_t required = zelRtcSpeechToTextSession_CalculateWorkSize(config);
   if (required < 0) return nullptr;
-  WorkArea area;
+  SttWorkArea area;
   if (!zelWorkArea_Obtain(work, work_size, required, kWorkAreaReports, &area)) return nullptr;
   SttSession* session = BuildSession(*config, area);
   if (session != nullptr) zelSttRegistry_Append(&session->registry_link);
@@ -212,50 +238,24 @@ uint32_t zelRtcSpeechToTextSession_Destroy(ZelRtcSpeechToTextSessionHn session) 
 
 uint32_t zelRtcSpeechToTextSession_EnableMember(ZelRtcSpeechToTextSessionHn session, const char* client_id,
                                                 uint32_t enabled) {
-  if (!zelBridge_IsInstalled() || zelErr_Refuse(session == nullptr, "E2022102846") ||
-      zelErr_Refuse(client_id == nullptr, "E2022102702")) {
-    return 0;
-  }
-  zelMutex_Lock(session->body->mutex);
-  SttRecognizerHn member = FindMember(session->body, client_id, "W2022102700:Not found specified client(%s).");
-  const uint32_t result = member != nullptr ? zelSttRecognizer_EnableMember(member, enabled) : 0;
-  zelMutex_Unlock(session->body->mutex);
-  return result;
+  constexpr MemberReports kReports = {"E2022102846", "E2022102702", "W2022102700:Not found specified client(%s)."};
+  return OnMember(session, client_id, kReports, 0U,
+                  [enabled](SttRecognizerHn member) { return zelSttRecognizer_EnableMember(member, enabled); });
 }
 
 uint32_t zelRtcSpeechToTextSession_IsEnabledMember(ZelRtcSpeechToTextSessionHn session, const char* client_id) {
-  if (!zelBridge_IsInstalled() || zelErr_Refuse(session == nullptr, "E2022102848") ||
-      zelErr_Refuse(client_id == nullptr, "E2022102849")) {
-    return 0;
-  }
-  zelMutex_Lock(session->body->mutex);
-  SttRecognizerHn member = FindMember(session->body, client_id, "W2022110822:Not found specified client(%s).");
-  const uint32_t result = member != nullptr ? zelSttRecognizer_IsEnabledMember(member) : 0;
-  zelMutex_Unlock(session->body->mutex);
-  return result;
+  constexpr MemberReports kReports = {"E2022102848", "E2022102849", "W2022110822:Not found specified client(%s)."};
+  return OnMember(session, client_id, kReports, 0U, zelSttRecognizer_IsEnabledMember);
 }
 
 uint32_t zelRtcSpeechToTextSession_SetLanguage(ZelRtcSpeechToTextSessionHn session, const char* client_id,
                                                ZelRtcSpeechToTextLanguage language) {
-  if (!zelBridge_IsInstalled() || zelErr_Refuse(session == nullptr, "E2022102827") ||
-      zelErr_Refuse(client_id == nullptr, "E2022102829")) {
-    return 0;
-  }
-  zelMutex_Lock(session->body->mutex);
-  SttRecognizerHn member = FindMember(session->body, client_id, "W2022102702:Not found specified client(%s).");
-  const uint32_t result = member != nullptr ? zelSttRecognizer_SetLanguage(member, language) : 0;
-  zelMutex_Unlock(session->body->mutex);
-  return result;
+  constexpr MemberReports kReports = {"E2022102827", "E2022102829", "W2022102702:Not found specified client(%s)."};
+  return OnMember(session, client_id, kReports, 0U,
+                  [language](SttRecognizerHn member) { return zelSttRecognizer_SetLanguage(member, language); });
 }
 
 int32_t zelRtcSpeechToTextSession_GetLanguage(ZelRtcSpeechToTextSessionHn session, const char* client_id) {
-  if (!zelBridge_IsInstalled() || zelErr_Refuse(session == nullptr, "E2022102828") ||
-      zelErr_Refuse(client_id == nullptr, "E2022102830")) {
-    return -1;
-  }
-  zelMutex_Lock(session->body->mutex);
-  SttRecognizerHn member = FindMember(session->body, client_id, "W2022102703:Not found specified client(%s).");
-  const int32_t result = member != nullptr ? zelSttRecognizer_GetLanguage(member) : -1;
-  zelMutex_Unlock(session->body->mutex);
-  return result;
+  constexpr MemberReports kReports = {"E2022102828", "E2022102830", "W2022102703:Not found specified client(%s)."};
+  return OnMember(session, client_id, kReports, -1, zelSttRecognizer_GetLanguage);
 }

@@ -22,10 +22,9 @@ struct SttRecognizerList {
 struct SttSessionBody {
   int32_t attach_count;  // above 0 while a room has the session attached
   void* mutex;
-  SttRecognizerList free_list;    // not assigned to a member
-  SttRecognizerList active_list;  // assigned to a member by the host
-  char
-      authorization[kSttAuthorizationSize];  // "Bearer " and the access token; every recognizer's request reads it here
+  SttRecognizerList free_list;                // not assigned to a member
+  SttRecognizerList active_list;              // assigned to a member by the host
+  char authorization[kSttAuthorizationSize];  // "Bearer " and the access token; the recognizers' requests read it here
 };
 
 inline void zelSttRecognizerList_Append(SttRecognizerList* list, SttRecognizerNode* node) {

@@ -62,7 +62,7 @@ int32_t zelSttRegistry_CalculateWorkSize(const SttRegistryConfig* config) {
   zelWorkSize_Begin(&size);
   zelWorkSize_Add(&size, sizeof(SttRegistry), 1, 8);
   zelWorkSize_Add(&size, ZEL_HOST_OBJECT_WORK_SIZE, 1, 1);
-  return zelWorkSize_Total(&size);
+  return zelWorkSize_Result(&size);
 }
 
 uint32_t zelSttRegistry_Initialize(const SttRegistryConfig* config, void* work, uint32_t work_size) {

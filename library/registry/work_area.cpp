@@ -5,7 +5,7 @@
 ZelUserAllocatorRecord zel_user_allocator;
 
 bool zelWorkArea_Obtain(void* work, int32_t work_size, int32_t required, const WorkAreaReports& reports,
-                        WorkArea* area) {
+                        SttWorkArea* area) {
   if (work != nullptr && work_size != 0) {
     *area = {work, work_size, nullptr};
     return !zelErr_Refuse(work_size < required, reports.too_small);

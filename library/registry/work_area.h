@@ -9,7 +9,7 @@
 // The application's allocation functions, kept by the host; all zero when the library is loaded.
 extern ZelUserAllocatorRecord zel_user_allocator;
 
-struct WorkArea {
+struct SttWorkArea {
   void* memory;
   int32_t size;  // bytes
   void* own;     // `memory` when it was allocated here and is to be returned, otherwise null
@@ -24,7 +24,7 @@ struct WorkAreaReports {
 
 // Takes the supplied area, or, when `work` is null or `work_size` 0, allocates `required` bytes. False after a report.
 bool zelWorkArea_Obtain(void* work, int32_t work_size, int32_t required, const WorkAreaReports& reports,
-                        WorkArea* area);
+                        SttWorkArea* area);
 
 // Returns what was allocated; nothing for null.
 void zelWorkArea_Return(void* own);
