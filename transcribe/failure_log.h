@@ -1,0 +1,34 @@
+// Collects the plug-in's reports for the summary.
+//
+// Thread rule: collect may be called from any thread; while an object lives, it is the report sink of the process.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "reports.h"
+
+namespace zel::transcribe {
+
+class FailureLog {
+ public:
+  /** `verbose`: prints every report as it comes. */
+  explicit FailureLog(bool verbose);
+  ~FailureLog();
+  FailureLog(const FailureLog&) = delete;
+  FailureLog& operator=(const FailureLog&) = delete;
+
+  /** How often each message came, by message. */
+  std::map<std::string, std::uint64_t> counts() const;
+
+ private:
+  void collect(const host::Report& report);
+
+  bool verbose_;
+  mutable std::mutex mutex_;
+  std::map<std::string, std::uint64_t> counts_;
+};
+
+}  // namespace zel::transcribe
