@@ -1,0 +1,244 @@
+#include "http_server.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <stdexcept>
+
+namespace kit {
+namespace {
+
+constexpr int kTrickleInterval = 20;  // ms between two bytes
+constexpr std::size_t kMaxRequest = 16 * 1024 * 1024;
+
+std::string Replace(std::string text, std::string_view what, const std::string& with) {
+  for (std::size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += with.size()) {
+    text.replace(at, what.size(), with);
+  }
+  return text;
+}
+
+std::size_t AnnouncedBody(const std::string& head) {
+  const std::size_t at = head.find("\r\nContent-Length: ");
+  return at == std::string::npos ? 0 : std::strtoul(head.c_str() + at + 18, nullptr, 10);
+}
+
+void Raise(int event) {
+  const std::uint64_t one = 1;
+  if (write(event, &one, sizeof one) != sizeof one) std::abort();
+}
+
+}  // namespace
+
+std::string Reply(std::string_view status, std::string_view body, std::string_view headers) {
+  std::string reply = "HTTP/1.1 ";
+  reply.append(status).append("\r\n").append(headers);
+  return reply.append("Content-Length: ").append(std::to_string(body.size())).append("\r\n\r\n").append(body);
+}
+
+// One accepted connection; closed with it.
+class HttpServer::Connection {
+ public:
+  Connection(HttpServer* server, int socket) : server_(server), socket_(socket) {
+    const int on = 1;
+    setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  }
+  ~Connection() {
+    SSL_free(ssl_);
+    close(socket_);
+  }
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  // False when the connection is over.
+  bool Run(const Step& step) {
+    switch (step.kind) {
+      case Step::Kind::kReadRequest:
+        return ReadRequest(true);
+      case Step::Kind::kReadHead:
+        return ReadRequest(false);
+      case Step::Kind::kReadSome:
+        return ReadSome();
+      case Step::Kind::kSend:
+        return Write(Replace(step.text, "{port}", std::to_string(server_->port_)));
+      case Step::Kind::kTrickle:
+        return TrickleText(step.text);
+      case Step::Kind::kStall:
+        return Wait(-1, server_->release_);
+      case Step::Kind::kTls:
+        return StartTls(step.identity);
+      case Step::Kind::kReset:
+        return ResetConnection();
+      case Step::Kind::kDrop:
+        shutdown(socket_, SHUT_WR);
+        return false;
+    }
+    return false;
+  }
+
+  bool reset() const { return reset_; }
+
+  // Waits until the client has closed, so that closing first cannot turn into a reset under unread bytes.
+  void Linger() {
+    if (ssl_ != nullptr) SSL_shutdown(ssl_);
+    shutdown(socket_, SHUT_WR);
+    char rest[4096];
+    while (WaitReadable() && recv(socket_, rest, sizeof rest, 0) > 0) {
+    }
+  }
+
+ private:
+  bool WaitReadable() {
+    pollfd events[] = {{socket_, POLLIN, 0}, {server_->stop_, POLLIN, 0}};
+    return poll(events, 2, -1) > 0 && events[1].revents == 0;
+  }
+
+  // Waits for `milliseconds` (-1: for ever) or for `event`; false when the client has gone or the server ends.
+  bool Wait(int milliseconds, int event) {
+    pollfd events[] = {{socket_, POLLRDHUP, 0}, {server_->stop_, POLLIN, 0}, {event, POLLIN, 0}};
+    poll(events, 3, milliseconds);
+    return events[0].revents == 0 && events[1].revents == 0;
+  }
+
+  long Read(char* bytes, int size) {
+    if (ssl_ != nullptr && SSL_pending(ssl_) > 0) return SSL_read(ssl_, bytes, size);
+    if (!WaitReadable()) return 0;
+    return ssl_ != nullptr ? SSL_read(ssl_, bytes, size) : recv(socket_, bytes, static_cast<std::size_t>(size), 0);
+  }
+
+  bool Write(const std::string& text) {
+    for (std::size_t sent = 0; sent < text.size();) {
+      const std::size_t left = text.size() - sent;
+      const long count = ssl_ != nullptr ? SSL_write(ssl_, text.data() + sent, static_cast<int>(left))
+                                         : send(socket_, text.data() + sent, left, MSG_NOSIGNAL);
+      if (count <= 0) return false;
+      sent += static_cast<std::size_t>(count);
+    }
+    return true;
+  }
+
+  bool ReadRequest(bool with_body) {
+    std::string request;
+    std::size_t wanted = kMaxRequest;
+    char bytes[16 * 1024];
+    while (request.size() < wanted) {
+      const long count = Read(bytes, sizeof bytes);
+      if (count <= 0) break;
+      request.append(bytes, static_cast<std::size_t>(count));
+      const std::size_t end = request.find("\r\n\r\n");
+      if (end == std::string::npos || wanted != kMaxRequest) continue;
+      wanted = end + 4 + (with_body ? AnnouncedBody(request.substr(0, end)) : 0);
+    }
+    const bool complete = request.size() >= wanted;
+    server_->Record(std::move(request));
+    return complete;
+  }
+
+  bool ReadSome() {
+    char bytes[1024];
+    return Read(bytes, sizeof bytes) > 0;
+  }
+
+  bool TrickleText(const std::string& text) {
+    for (std::size_t i = 0; Write(text.substr(i % text.size(), 1)); ++i) {
+      if (!Wait(kTrickleInterval, -1)) return false;
+    }
+    return false;
+  }
+
+  bool StartTls(Identity identity) {
+    ssl_ = SSL_new(server_->Context(identity));
+    return ssl_ != nullptr && SSL_set_fd(ssl_, socket_) == 1 && SSL_accept(ssl_) == 1;
+  }
+
+  bool ResetConnection() {
+    const linger now = {1, 0};
+    setsockopt(socket_, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+    reset_ = true;
+    return false;
+  }
+
+  HttpServer* server_;
+  int socket_;
+  SSL* ssl_ = nullptr;
+  bool reset_ = false;
+};
+
+HttpServer::HttpServer(std::vector<Script> scripts) : scripts_(std::move(scripts)) {
+  listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  release_ = eventfd(0, EFD_CLOEXEC);
+  stop_ = eventfd(0, EFD_CLOEXEC);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto* generic = reinterpret_cast<sockaddr*>(&address);
+  if (bind(listener_, generic, size) != 0 || listen(listener_, 128) != 0 ||
+      getsockname(listener_, generic, &size) != 0) {
+    throw std::runtime_error("no server on loopback");
+  }
+  port_ = ntohs(address.sin_port);
+  acceptor_ = std::thread([this] { Accept(); });
+}
+
+HttpServer::~HttpServer() {
+  Raise(stop_);
+  acceptor_.join();
+  for (std::thread& connection : connections_)
+    connection.join();
+  close(listener_);
+  close(release_);
+  close(stop_);
+}
+
+void HttpServer::Release() {
+  Raise(release_);
+}
+
+std::vector<std::string> HttpServer::requests() const {
+  const std::lock_guard lock(mutex_);
+  return requests_;
+}
+
+void HttpServer::Record(std::string request) {
+  const std::lock_guard lock(mutex_);
+  requests_.push_back(std::move(request));
+}
+
+SSL_CTX* HttpServer::Context(Identity identity) {
+  const std::lock_guard lock(mutex_);
+  ContextPointer& context = contexts_[identity];
+  if (context == nullptr) context = Authority::Get().MakeContext(identity);
+  return context.get();
+}
+
+void HttpServer::Accept() {
+  // The handshake writes without MSG_NOSIGNAL; threads started here inherit the mask.
+  sigset_t pipe;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+  for (std::size_t number = 0;; ++number) {
+    pollfd events[] = {{listener_, POLLIN, 0}, {stop_, POLLIN, 0}};
+    if (poll(events, 2, -1) < 0 || events[1].revents != 0) return;
+    const int socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (socket < 0) continue;
+    const Script& script = scripts_[number < scripts_.size() ? number : scripts_.size() - 1];
+    connections_.emplace_back([this, socket, &script] {
+      Connection connection(this, socket);
+      for (const Step& step : script) {
+        if (!connection.Run(step)) break;
+      }
+      if (!connection.reset()) connection.Linger();
+    });
+  }
+}
+
+}  // namespace kit

@@ -1,0 +1,82 @@
+#include "test_certificates.h"
+
+#include <openssl/pem.h>
+#include <openssl/x509v3.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace kit {
+namespace {
+
+constexpr long kDay = 24 * 60 * 60;
+
+void Require(bool ok, const char* what) {
+  if (!ok) throw std::runtime_error(what);
+}
+
+void AddExtension(X509* certificate, int nid, const char* value) {
+  X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, nullptr, nid, value);
+  Require(extension != nullptr, "certificate extension");
+  X509_add_ext(certificate, extension, -1);
+  X509_EXTENSION_free(extension);
+}
+
+// A certificate for `key`; a null issuer makes it sign itself.
+X509* MakeCertificate(EVP_PKEY* key, const char* name, const char* alternative_name, bool authority, long first_day,
+                      X509* issuer, EVP_PKEY* issuer_key) {
+  X509* certificate = X509_new();
+  X509_set_version(certificate, 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(certificate), std::rand() + 1L);
+  X509_gmtime_adj(X509_getm_notBefore(certificate), first_day * kDay);
+  X509_gmtime_adj(X509_getm_notAfter(certificate), (first_day + 3) * kDay);
+  X509_set_pubkey(certificate, key);
+  X509_NAME* subject = X509_get_subject_name(certificate);
+  X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(name), -1, -1, 0);
+  X509_set_issuer_name(certificate, issuer != nullptr ? X509_get_subject_name(issuer) : subject);
+  AddExtension(certificate, NID_basic_constraints, authority ? "critical,CA:TRUE" : "CA:FALSE");
+  if (alternative_name != nullptr) AddExtension(certificate, NID_subject_alt_name, alternative_name);
+  Require(X509_sign(certificate, issuer_key != nullptr ? issuer_key : key, EVP_sha256()) > 0, "certificate");
+  return certificate;
+}
+
+}  // namespace
+
+Authority& Authority::Get() {
+  static Authority authority;
+  return authority;
+}
+
+Authority::Authority() : key_(EVP_EC_gen("P-256")), certificate_(nullptr), file_("/tmp/zel-test-ca-XXXXXX") {
+  Require(key_ != nullptr, "key");
+  certificate_ = MakeCertificate(key_, "Test Authority", nullptr, true, -1, nullptr, nullptr);
+  const int descriptor = mkstemp(file_.data());
+  std::FILE* file = descriptor >= 0 ? fdopen(descriptor, "w") : nullptr;
+  Require(file != nullptr && PEM_write_X509(file, certificate_) == 1 && std::fclose(file) == 0, "certificate file");
+}
+
+Authority::~Authority() {
+  unlink(file_.c_str());
+  X509_free(certificate_);
+  EVP_PKEY_free(key_);
+}
+
+ContextPointer Authority::MakeContext(Identity identity) const {
+  EVP_PKEY* key = EVP_EC_gen("P-256");
+  Require(key != nullptr, "key");
+  const char* name = identity == Identity::kOtherHost ? "DNS:other.invalid" : "IP:127.0.0.1,DNS:localhost";
+  const bool self_signed = identity == Identity::kSelfSigned;
+  X509* certificate = MakeCertificate(key, "Test Server", name, false, identity == Identity::kExpired ? -10 : -1,
+                                      self_signed ? nullptr : certificate_, self_signed ? nullptr : key_);
+  ContextPointer context(SSL_CTX_new(TLS_server_method()));
+  const bool ok = context != nullptr && SSL_CTX_use_certificate(context.get(), certificate) == 1 &&
+                  SSL_CTX_use_PrivateKey(context.get(), key) == 1;
+  X509_free(certificate);
+  EVP_PKEY_free(key);
+  Require(ok, "server context");
+  return context;
+}
+
+}  // namespace kit

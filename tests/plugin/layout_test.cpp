@@ -1,0 +1,2 @@
+// The same walk, compiled as C++.
+#include "layout_test.c"  // NOLINT(bugprone-suspicious-include)

@@ -1,0 +1,73 @@
+// A recognizer on the scripted host, with a scripted executor in the place of the service.
+#pragma once
+
+#include "bridge.h"
+#include "recognition_request.h"
+#include "recognizer.h"
+#include "recognizer_record.h"
+#include "scripted_executor.h"
+#include "scripted_host.h"
+
+inline constexpr std::uint32_t kHeaderPages = 91;  // bytes
+
+struct RecognizerRig {
+  explicit RecognizerRig(std::uint16_t messages = 4, std::uint32_t text_size = 1200, std::size_t misalignment = 0)
+      : config{16, messages, text_size, 0},
+        area(zelSttRecognizer_CalculateWorkSize(&config), misalignment),
+        handle(zelSttRecognizer_Create(&config, area.data(), area.size())),
+        record(handle->instance),
+        slots(handle->interface_table) {
+    zelSttRecognizer_SetUrl(handle, "http://service/recognize");
+    zelSttRecognizer_SetAuthorization(handle, "Bearer token");
+  }
+  ~RecognizerRig() {
+    EXPECT_EQ(host.TakeReports(), Reports{});
+    EXPECT_EQ(zelSttRecognizer_Destroy(handle), 1u);
+    EXPECT_EQ(host.TakeReports(), reports_of_destroy);
+  }
+
+  std::uint32_t Put(const std::string& packet) {
+    const SttAudioFrame frame = {reinterpret_cast<const std::uint8_t*>(packet.data()),
+                                 static_cast<std::uint32_t>(packet.size())};
+    return slots->PutAudioFrame(record, &frame);
+  }
+  void Speak(int frames, const std::string& packet = "an Opus packet") {
+    for (int i = 0; i < frames; ++i)
+      EXPECT_EQ(Put(packet), 1u);
+  }
+  void Pause(int frames = 7) {
+    const SttAudioFrame nothing = {nullptr, 99};
+    for (int i = 0; i < frames; ++i)
+      EXPECT_EQ(slots->PutAudioFrame(record, &nothing), 1u);
+  }
+  // One update; the exchange that it starts has ended on return.
+  void Update() {
+    EXPECT_EQ(zelSttRecognizer_Update(handle), 1u);
+    host.WaitForWorkers();
+  }
+  // Has an utterance answered and the answer delivered.
+  void Answer(const ScriptedReply& reply) {
+    executor.Reply(reply);
+    Speak(5);
+    Pause();
+    for (int i = 0; i < 3; ++i)
+      Update();
+    EXPECT_EQ(record->request->state, STT_REQUEST_IDLE);
+  }
+  std::uint32_t DataSize() const { return zelRingBuffer_GetDataSize(record->ring_buffer, 1); }
+  int FilledSlots() const {
+    int filled = 0;
+    for (const ZelRingBufferChunk& slot : record->utterance_slots)
+      filled += slot.size != 0;
+    return filled;
+  }
+
+  ScriptedHost host;
+  ScriptedExecutor executor;
+  const SttRecognizerConfig config;
+  WorkArea area;
+  const SttRecognizerHn handle;
+  SttRecognizer* const record;
+  const SttRecognizerInterface* const slots;
+  Reports reports_of_destroy;
+};

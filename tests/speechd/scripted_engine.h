@@ -1,0 +1,65 @@
+// Engines that answer by the number of samples they get, and that a test can hold up.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+
+#include "engine.h"
+
+namespace speechd_test {
+
+class Script {
+ public:
+  // Engines do not answer until Open. Closed at first when so made.
+  explicit Script(bool open = true) : open_(open) {}
+
+  void Open() {
+    const std::lock_guard lock(mutex_);
+    open_ = true;
+    changed_.notify_all();
+  }
+  // Returns when so many engines are at work.
+  void AwaitBusy(int engines) {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return busy_ >= engines; });
+  }
+  int Made() const { return made_; }
+  bool fail = false;  // set before engines are at work
+
+  zel::speechd::EngineFactory Factory() {
+    return [this]() -> std::unique_ptr<zel::speechd::Engine> {
+      ++made_;
+      return std::make_unique<ScriptedEngine>(*this);
+    };
+  }
+
+ private:
+  class ScriptedEngine final : public zel::speechd::Engine {
+   public:
+    explicit ScriptedEngine(Script& script) : script_(script) {}
+
+    zel::speechd::Recognition recognize(std::span<const std::int16_t> samples, zel::speechd::Deadline) override {
+      std::unique_lock lock(script_.mutex_);
+      ++script_.busy_;
+      script_.changed_.notify_all();
+      script_.changed_.wait(lock, [this] { return script_.open_; });
+      --script_.busy_;
+      if (script_.fail) throw std::runtime_error("scripted failure");
+      return {std::to_string(samples.size()) + " samples"};
+    }
+
+   private:
+    Script& script_;
+  };
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool open_;
+  int busy_ = 0;
+  std::atomic<int> made_{0};
+};
+
+}  // namespace speechd_test
