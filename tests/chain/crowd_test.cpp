@@ -10,13 +10,6 @@
 #include "ogg_pages.h"
 #include "room.h"
 
-#ifdef __SANITIZE_THREAD__
-// The HTTP library is not instrumented: how it guards its own statics cannot be seen.
-extern "C" [[gnu::visibility("default")]] const char* __tsan_default_suppressions() {
-  return "called_from_lib:libcpp-httplib.so\n";
-}
-#endif
-
 namespace {
 
 using namespace zel::host;

@@ -226,6 +226,11 @@ TEST(OggFormatter, NeverGrowsItsStorageForTheLongestPackets) {
     EXPECT_GT(formatter.Flush(70000), 0);
     EXPECT_EQ(zelContainerFormatterOgg_GetTotalSize(formatter.handle), static_cast<int>(formatter.stream.size()));
   }
+  // Four packets of just above 4096 bytes make a page that would leave the longest packet queued.
+  ASSERT_EQ(formatter.Headers(), 91);
+  for (const std::size_t size : {2000u, 2000u, 2000u, 10u, 8192u, 8192u, 1u})
+    ASSERT_GE(formatter.Write(Packet(0, size), 70000), 0);
+  EXPECT_GT(formatter.Flush(70000), 0);
 }
 
 }  // namespace

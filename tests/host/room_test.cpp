@@ -15,13 +15,6 @@
 #include "library.h"
 #include "reports.h"
 
-#ifdef __SANITIZE_THREAD__
-// The HTTP library is not instrumented: how it guards its own statics cannot be seen.
-extern "C" [[gnu::visibility("default")]] const char* __tsan_default_suppressions() {
-  return "called_from_lib:libcpp-httplib.so\n";
-}
-#endif
-
 namespace zel::host {
 namespace {
 

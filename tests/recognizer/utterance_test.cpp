@@ -243,4 +243,32 @@ TEST(Utterance, AudioMayOverlapUpdates) {
   }
 }
 
+// Made for the sanitizers: a member who is disabled in the middle of a frame must not lose its stream under that frame.
+TEST(Utterance, MemberMayBeDisabledWhileAudioGoesOn) {
+  RecognizerRig rig;
+  const std::string packet = "an Opus packet";
+  const SttAudioFrame voice = {reinterpret_cast<const uint8_t*>(packet.data()), static_cast<uint32_t>(packet.size())};
+  const SttAudioFrame silence = {nullptr, 0};
+  std::atomic<bool> done{false};
+  std::thread audio([&] {
+    for (int i = 0; i < 20000; ++i)
+      rig.slots->PutAudioFrame(rig.record, i % 13 < 6 ? &voice : &silence);
+    done = true;
+  });
+  for (uint32_t i = 0; !done; ++i) {
+    zelSttRecognizer_EnableMember(rig.handle, i % 4 == 0 ? 0 : 1);
+    zelSttRecognizer_Update(rig.handle);
+  }
+  audio.join();
+  zelSttRecognizer_EnableMember(rig.handle, 1);
+  for (int i = 0; i < 40; ++i)
+    rig.Update();
+  for (const std::string& report : rig.host.TakeReports())
+    EXPECT_TRUE(report.starts_with("1 W2023020741") || report.starts_with("0 E2022110401")) << report;
+  for (const Exchange& exchange : rig.executor.exchanges()) {
+    const std::size_t packets = (exchange.body.size() - kHeaderPages - 27) / 15;
+    ExpectOpusStream(exchange.body, std::vector<std::string>(packets, packet));
+  }
+}
+
 }  // namespace

@@ -50,6 +50,7 @@ class Service {
   }
 
   void answer(std::string body, int status = 200) {
+    std::lock_guard hold(mutex_);
     body_ = std::move(body);
     status_ = status;
   }
