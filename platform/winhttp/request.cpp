@@ -102,9 +102,12 @@ bool IsRedirect(long status) {
 // The first line of a response head from `line` on that begins with `name`; null when there is none.
 const char* FindLine(const char* line, const char* name) {
   const size_t size = strlen(name);
-  while (*line != '\0' && !zelHttpText_HasPrefix(line, name, size))
-    line = strstr(line, "\r\n") + 2;
-  return *line != '\0' ? line : nullptr;
+  while (line != nullptr && *line != '\0' && !zelHttpText_HasPrefix(line, name, size)) {
+    // A NUL inside a line ends the search.
+    line = strstr(line, "\r\n");
+    if (line != nullptr) line += 2;
+  }
+  return line != nullptr && *line != '\0' ? line : nullptr;
 }
 
 // Value of the Location header, null when it is missing or empty.
