@@ -10,8 +10,6 @@ constexpr std::int32_t kHeaderBufferSize = 32;
 constexpr std::int32_t kBodyStorage = 16384;
 constexpr std::int32_t kLacingStorage = 1024;
 constexpr std::int32_t kOggRate = 48000;  // granule positions count samples at this rate (RFC 7845, section 4)
-constexpr std::int32_t kMinRate = 1;
-constexpr std::int32_t kMinPacket = 1;
 constexpr std::int32_t kMaxPacket = kBodyStorage / 2;  // what a forced page leaves behind leaves room for one more
 
 constexpr std::int32_t kIdentificationLength = 19;
@@ -49,21 +47,22 @@ void BuildHeaderPackets(OggFormatter* formatter) {
   formatter->comment_length = kCommentLength;
 }
 
-// Copies a page out: its bytes, or -1 after a report.
-std::int32_t CopyPage(const ogg_page* page, std::uint8_t* output, std::int32_t capacity) {
-  const std::int64_t body_capacity = std::int64_t{capacity} - page->header_len;
-  if (body_capacity > 0) {
-    zelMemory_Copy(output, static_cast<std::uint64_t>(capacity), page->header,
-                   static_cast<std::uint64_t>(page->header_len));
-    if (body_capacity - page->body_len > 0) {
-      zelMemory_Copy(output + page->header_len, static_cast<std::uint64_t>(body_capacity), page->body,
-                     static_cast<std::uint64_t>(page->body_len));
-      return static_cast<std::int32_t>(page->header_len + page->body_len);
-    }
-  }
+std::int32_t RefusePage() {
   zelErr_Notify(ZEL_ERR_LEVEL_ERROR,
                 "E2022103100:Failed to write buffer because it is not enough buffer length of out data.");
   return -1;
+}
+
+// Copies a page out: its bytes, or -1 after a report.
+std::int32_t CopyPage(const ogg_page* page, std::uint8_t* output, std::int32_t capacity) {
+  const std::int64_t body_capacity = std::int64_t{capacity} - page->header_len;
+  if (body_capacity <= 0) return RefusePage();
+  zelMemory_Copy(output, static_cast<std::uint64_t>(capacity), page->header,
+                 static_cast<std::uint64_t>(page->header_len));
+  if (body_capacity - page->body_len <= 0) return RefusePage();
+  zelMemory_Copy(output + page->header_len, static_cast<std::uint64_t>(body_capacity), page->body,
+                 static_cast<std::uint64_t>(page->body_len));
+  return static_cast<std::int32_t>(page->header_len + page->body_len);
 }
 
 // Puts a header packet on a page of its own: the page's bytes, 0 when libogg refuses the packet, -1 when it does not
@@ -118,8 +117,8 @@ std::int32_t zelContainerFormatterOgg_CalculateWorkSize(const ZelContainerFormat
 
 OggFormatter* zelContainerFormatterOgg_Create(const ZelContainerFormatterOggConfig* config, void* work,
                                               std::int32_t work_size) {
-  if (config->sampling_rate < kMinRate || config->sampling_rate > kOggRate) return nullptr;
-  if (config->max_buffer_size_per_write < kMinPacket || config->max_buffer_size_per_write > kMaxPacket) return nullptr;
+  if (config->sampling_rate < 1 || config->sampling_rate > kOggRate) return nullptr;
+  if (config->max_buffer_size_per_write < 1 || config->max_buffer_size_per_write > kMaxPacket) return nullptr;
   const std::int32_t required = zelContainerFormatterOgg_CalculateWorkSize(config);
   if (work == nullptr || required < 0 || work_size < required) return nullptr;
 

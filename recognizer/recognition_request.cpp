@@ -199,7 +199,7 @@ std::uint32_t zelSttRequest_Start(SttRequest* request, const SttUtterance* utter
 }
 
 void zelSttRequest_Poll(SttRequest* request) {
-  if (request == nullptr) return zelErr_NotifyInvalidParameter("E2022110921");
+  if (zelErr_Refuse(request == nullptr, "E2022110921")) return;
   if (request->state == STT_REQUEST_REQUESTING) zelSttRequest_CheckCompletion(request);
 }
 

@@ -1,8 +1,8 @@
 // A fixed number of text packets with the envelopes that carry them.
 //
-// Packets and envelopes are equal in number, so both run out together. Nothing here locks, but a pool that has been
-// given a mutex runs the packet's release callback and the packet's return under it, because the host drops last
-// references.
+// Packets and envelopes are equal in number, so both run out together.
+// Thread rule: the owner serializes its calls. Hosts drop last references on threads of their own: the packet's release
+// callback and its return run under the owner's mutex, once the pool has been given it; the envelope's return does not.
 #pragma once
 
 #include "ptr_stack.h"

@@ -19,7 +19,6 @@ int32_t zelPacketRefPool_CalculateWorkSize(uint32_t capacity) {
 
 PacketRefPool* zelPacketRefPool_Create(uint32_t capacity, void* work, int32_t work_size) {
   const int32_t required = zelPacketRefPool_CalculateWorkSize(capacity);
-  if (required < 0) return nullptr;
   PacketRefPool* pool = zelPtrQueue_Build(capacity, capacity * uint32_t{sizeof(PacketRef)}, required, work, work_size);
   if (pool == nullptr) return nullptr;
   auto* refs = reinterpret_cast<PacketRef*>(pool + 1);
@@ -56,8 +55,8 @@ SttPacket* zelPacketRef_GetPacket(PacketRef* ref) {
 
 void zelPacketRef_Release(PacketRef* ref) {
   if (zelErr_Refuse(ref == nullptr, "E2021100523")) return;
-  if (ref->ref_count == 0) return zelErr_NotifyInvalidParameter("E2021100510");
-  if (ref->owner_queue == nullptr) return zelErr_NotifyInvalidParameter("E2021100511");
+  if (zelErr_Refuse(ref->ref_count == 0, "E2021100510")) return;
+  if (zelErr_Refuse(ref->owner_queue == nullptr, "E2021100511")) return;
   ref->ref_count -= 1;
   if (ref->ref_count > 0) return;
   if (ref->release_callback != nullptr) ref->release_callback(ref->release_context, ref);

@@ -240,19 +240,9 @@ std::int32_t zelWreqAsync_CalculateWorkSize(const ZelWreqAsyncConfig* config) {
 }
 
 WreqAsync* zelWreqAsync_Create(const ZelWreqAsyncConfig* config, void* work, std::int32_t work_size) {
-  const char* refused = nullptr;
-  if (config == nullptr) {
-    refused = "E2022121301";
-  } else if (work == nullptr) {
-    refused = "E2022121302";
-  } else if (const std::int32_t required = zelWreqAsync_CalculateWorkSize(config);
-             required < 0 || work_size < required) {
-    refused = "E2022121303";
-  }
-  if (refused != nullptr) {
-    zelErr_NotifyInvalidParameter(refused);
-    return nullptr;
-  }
+  if (zelErr_Refuse(config == nullptr, "E2022121301") || zelErr_Refuse(work == nullptr, "E2022121302")) return nullptr;
+  const std::int32_t required = zelWreqAsync_CalculateWorkSize(config);
+  if (zelErr_Refuse(required < 0 || work_size < required, "E2022121303")) return nullptr;
 
   zelMemory_Clear(work, static_cast<std::uint64_t>(work_size));
   Carving carving{};
