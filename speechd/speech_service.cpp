@@ -27,7 +27,8 @@ using Clock = std::chrono::steady_clock;
 constexpr const char* kJsonType = "application/json";
 // Connections beyond those whose utterances are being recognized or wait: enough to refuse the rest at once.
 constexpr std::size_t kSpareConnections = 8;
-constexpr std::size_t kMaxDiscarded = 1 << 20;
+constexpr std::size_t kMaxDiscarded = 64 << 20;  // bytes
+constexpr std::chrono::seconds kDiscardWithin{10};
 constexpr time_t kIoTimeout = 10;  // seconds without a byte
 
 struct Refusal {
@@ -76,13 +77,18 @@ void set_socket_options(int socket) {
 }
 
 // Reads the body, whatever its framing and encoding says of its size. False when it is too large; the rest is read
-// within reason, so that the client sees the answer and not a broken connection.
+// within reason: a connection closed before its client has sent everything is reset, and the answer lost with it.
 bool read_body(const httplib::ContentReader& reader, std::size_t max_size, std::string& body) {
   std::size_t size = 0;
+  Clock::time_point give_up = Clock::time_point::max();
   const bool read = reader([&](const char* data, std::size_t count) {
     size += count;
-    if (size <= max_size) body.append(data, count);
-    return size <= max_size + kMaxDiscarded;
+    if (size <= max_size) {
+      body.append(data, count);
+      return true;
+    }
+    if (give_up == Clock::time_point::max()) give_up = Clock::now() + kDiscardWithin;
+    return size <= max_size + kMaxDiscarded && Clock::now() < give_up;
   });
   return read && size <= max_size;
 }
