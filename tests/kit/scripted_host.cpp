@@ -7,6 +7,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <sstream>
 
 #include "zel_rtc_speech_to_text.h"
 
@@ -163,8 +164,8 @@ struct Ring {
 
 void Acquire(void* handle, std::uint32_t lane, std::uint32_t size, ZelRingBufferChunk* chunk) {
   auto* ring = static_cast<Ring*>(handle);
-  const std::lock_guard lock(ring->mutex);
   if (g_host->acquire_limit) size = std::min(size, g_host->acquire_limit(lane, size));
+  const std::lock_guard lock(ring->mutex);
   size = std::min(size, lane == 0 ? ring->free : static_cast<std::uint32_t>(ring->data.size()));
   *chunk = {nullptr, 0};
   if (size == 0) return;
@@ -357,6 +358,14 @@ BridgeTable MakeTable() {
 }
 
 }  // namespace
+
+Reports Refusals(const std::string& numbers) {
+  Reports reports;
+  std::istringstream stream(numbers);
+  for (std::string number; stream >> number;)
+    reports.push_back("0 E2022" + number + " -2");
+  return reports;
+}
 
 const BridgeTable& ScriptedHost::Table() {
   static const BridgeTable table = MakeTable();

@@ -26,6 +26,8 @@
 // "<level> <identifier> <code>", or "<level> <message>" with "|<argument>" for each argument: text for %s, hexadecimal
 // for %x, otherwise decimal.
 using Reports = std::vector<std::string>;
+// Of refused arguments, for the identifiers E2022..., of which `numbers` has the rest between blanks.
+Reports Refusals(const std::string& numbers);
 // (bytes, alignment) of the blocks of one calculation or carving.
 using Blocks = std::vector<std::pair<std::uint64_t, std::uint32_t>>;
 

@@ -3,17 +3,12 @@
 #include <string>
 
 #include "bridge.h"
+#include "scripted_executor.h"
 #include "scripted_host.h"
 #include "session_registry.h"
 #include "zel_rtc_speech_to_text.h"
 
 namespace {
-
-const std::string kMismatch =
-    ":Mismatch between ZEL Rtc SpeechToText header version and linked library version. (Library version is %s, but the "
-    "specified version is %s.)|1.2.147-1.7|";
-const std::string kNotInitialized = ":ZelRtcSpeechToText is failed to initialize.";
-const std::string kNoRegistry = ":ZelRtcSpeechToTextSesion is failed to initialize.";
 
 // Allocation functions whose object counts what is out.
 void RegisterAllocator(int* out) {
@@ -51,25 +46,25 @@ TEST(Library, AnswersBeforeABridgeIsInstalled) {
     c = std::isdigit(c) ? '9' : std::isupper(c) ? 'A' : std::islower(c) ? 'a' : c;
   EXPECT_TRUE(stamp == "Aaa 99 9999 99:99:99\n" || stamp == "Aaa  9 9999 99:99:99\n") << banner;
   EXPECT_EQ(zelRtcSpeechToText_GetLibraryVersionString()[-1], '\n');
-  EXPECT_EQ(zelRtcSpeechToText_IsInitialized(), 0u);
   // The rest fails instead of crashing.
   EXPECT_EQ(zelRtcSpeechToText_Initialize(nullptr, nullptr, 0), 0u);
   EXPECT_EQ(zelRtcSpeechToText_CalculateWorkSize(nullptr), -1);
   zelRtcSpeechToText_Finalize();
+  EXPECT_EQ(zelRtcSpeechToText_IsInitialized(), 0u);
 }
 
 TEST(Library, RefusesForeignVersions) {
   ScriptedHost host;
+  const std::string mismatch =
+      ":Mismatch between ZEL Rtc SpeechToText header version and linked library version. (Library version is %s, but "
+      "the specified version is %s.)|1.2.147-1.7|";
   WorkArea area(zelRtcSpeechToText_CalculateWorkSize(nullptr));
-  ZelRtcSpeechToTextConfig config;
-  zelRtcSpeechToText_SetDefaultConfig(&config);
-  EXPECT_EQ(zelRtcSpeechToText_CalculateWorkSize(&config), area.size());
-  for (const std::string version : {"0.1.2", "0.1.20 ", "1.2.147-1.7", ""}) {
-    config.version = version.c_str();
+  for (const char* version : {"0.1.2", "0.1.20 ", "1.2.147-1.7", "", static_cast<const char*>(nullptr)}) {
+    const ZelRtcSpeechToTextConfig config = {version, 16};
+    const std::string named = mismatch + (version != nullptr ? version : "");
     EXPECT_EQ(zelRtcSpeechToText_CalculateWorkSize(&config), -1);
     EXPECT_EQ(zelRtcSpeechToText_Initialize(&config, area.data(), area.size()), 0u);
-    EXPECT_EQ(host.TakeReports(),
-              (Reports{"0 E2022101100" + kMismatch + version, "0 E2022101102" + kMismatch + version}));
+    EXPECT_EQ(host.TakeReports(), (Reports{"0 E2022101100" + named, "0 E2022101102" + named}));
   }
   EXPECT_TRUE(area.untouched());
 }
@@ -86,7 +81,6 @@ TEST(Library, InitializesInASuppliedAreaAtEveryMisalignment) {
     }
     host.ForgetCalls();
     ASSERT_EQ(zelRtcSpeechToText_Initialize(&config, area.data(), area.size()), 1u);
-    EXPECT_EQ(zelRtcSpeechToText_IsInitialized(), 1u);
     const Blocks registry = {{32, 8}, {72, 1}};
     EXPECT_EQ(host.calculations[0], registry);
     EXPECT_EQ(host.carvings, (std::vector<Blocks>{host.calculations[1], registry}));
@@ -116,48 +110,101 @@ TEST(Library, TakesItsAreaFromTheApplicationsAllocator) {
     EXPECT_EQ(out, 0);
   }
   EXPECT_TRUE(area.untouched());
-  EXPECT_EQ(host.Count(SLOT(user_allocator_free)), 2);
 }
 
 TEST(Library, UndoesWhateverFails) {
   ScriptedHost host;
   int out = 0;
   RegisterAllocator(&out);
-  const std::string e = "0 E20221";
+  const std::string total = "0 E2022111475:ZelRtcSpeechToText is failed to initialize.";
+  const std::string library = "0 E2022111476:ZelRtcSpeechToText is failed to initialize.";
+  const std::string record = "0 E2022111472:ZelRtcSpeechToTextSesion is failed to initialize.";
+  const std::string mutex = "0 E2022111473:ZelRtcSpeechToTextSesion is failed to initialize.";
   const struct {
-    int slot;
-    std::vector<Reports> failures;  // of the first call, the second, ...
-  } services[] = {
-      {SLOT(work_size_total), {{e + "11475" + kNotInitialized}, {}, {e + "11475" + kNotInitialized}}},
-      {SLOT(user_allocator_allocate), {{"0 E2022101105 -3"}}},
-      {SLOT(fixed_allocator_allocate),
-       {{e + "11445 -2", e + "11476" + kNotInitialized},
-        {e + "11472" + kNoRegistry, e + "11476" + kNotInitialized},
-        {e + "11473" + kNoRegistry, e + "11476" + kNotInitialized}}},
-      {SLOT(mutex_create), {{e + "11473" + kNoRegistry, e + "11476" + kNotInitialized}}},
+    int slot, call;
+    Reports reports;
+  } failures[] = {
+      {SLOT(work_size_total), 1, {total}},
+      {SLOT(work_size_total), 2, {}},
+      {SLOT(work_size_total), 3, {total}},
+      {SLOT(user_allocator_allocate), 1, {"0 E2022101105 -3"}},
+      {SLOT(fixed_allocator_allocate), 1, {"0 E2022111445 -2", library}},
+      {SLOT(fixed_allocator_allocate), 2, {record, library}},
+      {SLOT(fixed_allocator_allocate), 3, {mutex, library}},
+      {SLOT(mutex_create), 1, {mutex, library}},
   };
-  for (const auto& service : services) {
-    for (std::size_t k = 0;; ++k) {
-      SCOPED_TRACE("call " + std::to_string(k + 1) + " of slot " + std::to_string(service.slot));
-      host.Fail(service.slot, static_cast<int>(k) + 1);
-      const uint32_t result = zelRtcSpeechToText_Initialize(nullptr, nullptr, 0);
-      if (!host.Failed()) {
-        EXPECT_EQ(result, 1u);
-        EXPECT_EQ(k, service.failures.size());
-        zelRtcSpeechToText_Finalize();
-        break;
-      }
-      EXPECT_EQ(result + zelRtcSpeechToText_IsInitialized(), 0u);
-      ASSERT_LT(k, service.failures.size());
-      EXPECT_EQ(host.TakeReports(), service.failures[k]);
-      EXPECT_FALSE(zelSttRegistry_Exists());
-      EXPECT_EQ(out, 0);
-      EXPECT_EQ(host.Live(), (std::array<int, kLiveKinds>{}));
-      EXPECT_EQ(host.timer_depth, 0);
-    }
+  for (const auto& failure : failures) {
+    SCOPED_TRACE("failure " + std::to_string(&failure - failures));
+    host.Fail(failure.slot, failure.call);
+    EXPECT_EQ(zelRtcSpeechToText_Initialize(nullptr, nullptr, 0), 0u);
+    EXPECT_TRUE(host.Failed());
+    EXPECT_EQ(zelRtcSpeechToText_IsInitialized(), 0u);
+    EXPECT_EQ(host.TakeReports(), failure.reports);
+    EXPECT_FALSE(zelSttRegistry_Exists());
+    EXPECT_EQ(out, 0);
+    EXPECT_EQ(host.Live(), (std::array<int, kLiveKinds>{}));
+    EXPECT_EQ(host.timer_depth, 0);
   }
   host.Fail(SLOT(work_size_total), 2);
   EXPECT_EQ(zelRtcSpeechToText_CalculateWorkSize(nullptr), -1);
+}
+
+TEST(SessionRegistry, RefusesMisuse) {
+  ScriptedHost host;
+  const SttRegistryConfig config = {99};  // its field is not looked at
+  WorkArea area(zelSttRegistry_CalculateWorkSize(&config));
+  const auto size = static_cast<uint32_t>(area.size());
+  EXPECT_EQ(zelSttRegistry_CalculateWorkSize(nullptr), -1);
+  EXPECT_EQ(zelSttRegistry_Initialize(nullptr, area.data(), size), 0u);
+  EXPECT_EQ(zelSttRegistry_Initialize(&config, nullptr, size), 0u);
+  zelSttRegistry_Finalize();
+  ASSERT_EQ(zelSttRegistry_Initialize(&config, area.data(), size), 1u);
+  EXPECT_EQ(zelSttRegistry_Initialize(&config, area.data(), size), 0u);
+  zelSttRegistry_Finalize();
+  EXPECT_EQ(host.TakeReports(), (Reports{"0 E2022111443 -2", "0 E2022111444 -2", "0 E2022111445 -2",
+                                         "0 E2022111449:ZelRtcspeechToTextSession is not initialized.",
+                                         "0 E2022111448:ZelRtcspeechToTextSession is already initialized."}));
+}
+
+// Finalization destroys what is detached, whatever stands around it, and can be repeated until nothing is attached.
+TEST(SessionRegistry, FinalizationDestroysTheSessionsThatAreLeft) {
+  ScriptedHost host;
+  ScriptedExecutor executor;
+  constexpr ZelRtcSpeechToTextSessionConfig kConfig = {4, 10, 0, 1};
+  for (unsigned pattern = 0; pattern < 8; ++pattern) {
+    SCOPED_TRACE("attached: " + std::to_string(pattern));
+    WorkArea library(zelRtcSpeechToText_CalculateWorkSize(nullptr));
+    ASSERT_EQ(zelRtcSpeechToText_Initialize(nullptr, library.data(), library.size()), 1u);
+    WorkArea area0(zelRtcSpeechToTextSession_CalculateWorkSize(&kConfig)), area1(area0.size()), area2(area0.size());
+    std::vector<ZelRtcSpeechToTextSessionHn> attached;
+    Reports refusals;
+    WorkArea* const areas[] = {&area0, &area1, &area2};
+    for (unsigned i = 0; i < 3; ++i) {
+      const auto session = zelRtcSpeechToTextSession_Create(&kConfig, areas[i]->data(), areas[i]->size());
+      ASSERT_NE(session, nullptr);
+      if ((pattern >> i & 1) == 0) continue;
+      session->interface_table->Attach(session->body);
+      attached.push_back(session);
+      char handle[32];
+      std::snprintf(handle, sizeof(handle), "|%llx",
+                    static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(session)));
+      refusals.push_back(
+          "0 E2022102623:Failed to destroy this handle(0x%08x). Please detach this handle from "
+          "ZelRtcRoomSessionHn." +
+          std::string(handle));
+    }
+    zelRtcSpeechToText_Finalize();
+    EXPECT_EQ(host.TakeReports(), refusals);
+    EXPECT_EQ(zelRtcSpeechToText_IsInitialized(), attached.empty() ? 0u : 1u);
+    EXPECT_EQ(host.Live()[kThreads], static_cast<int>(attached.size()));
+    EXPECT_EQ(host.timer_depth, attached.empty() ? 0 : 2);
+    for (const auto session : attached)
+      EXPECT_EQ(session->interface_table->Detach(session->body), 1u);
+    if (!attached.empty()) zelRtcSpeechToText_Finalize();
+    EXPECT_EQ(zelRtcSpeechToText_IsInitialized(), 0u);
+    EXPECT_EQ(host.Live(), (std::array<int, kLiveKinds>{}));
+  }
+  EXPECT_EQ(host.Count(SLOT(timer_initialize)), host.Count(SLOT(timer_finalize)));
 }
 
 }  // namespace

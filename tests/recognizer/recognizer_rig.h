@@ -2,6 +2,7 @@
 #pragma once
 
 #include "bridge.h"
+#include "ogg_pages.h"
 #include "recognition_request.h"
 #include "recognizer.h"
 #include "recognizer_record.h"
@@ -9,6 +10,11 @@
 #include "scripted_host.h"
 
 inline constexpr std::uint32_t kHeaderPages = 91;  // bytes
+
+// Each of the stream's packets is `packet`.
+inline void ExpectPackets(const std::string& stream, std::size_t count, const std::string& packet) {
+  ExpectOpusStream(stream, std::vector<std::string>(count, packet));
+}
 
 struct RecognizerRig {
   explicit RecognizerRig(std::uint16_t messages = 4, std::uint32_t text_size = 1200, std::size_t misalignment = 0)
@@ -40,21 +46,32 @@ struct RecognizerRig {
     for (int i = 0; i < frames; ++i)
       EXPECT_EQ(slots->PutAudioFrame(record, &nothing), 1u);
   }
-  // One update; the exchange that it starts has ended on return.
-  void Update() {
-    EXPECT_EQ(zelSttRecognizer_Update(handle), 1u);
-    host.WaitForWorkers();
+  void Say(int frames, const std::string& packet = "an Opus packet") {
+    Speak(frames, packet);
+    Pause();
+  }
+  // The exchange that an update starts has ended before the next one.
+  void Update(int times = 1) {
+    for (; times > 0; --times) {
+      EXPECT_EQ(zelSttRecognizer_Update(handle), 1u);
+      host.WaitForWorkers();
+    }
   }
   // Has an utterance answered and the answer delivered.
   void Answer(const ScriptedReply& reply) {
     executor.Reply(reply);
-    Speak(5);
-    Pause();
-    for (int i = 0; i < 3; ++i)
-      Update();
+    Say(5);
+    Update(3);
     EXPECT_EQ(record->request->state, STT_REQUEST_IDLE);
   }
+  std::string Body(std::size_t exchange) { return executor.exchanges().at(exchange).body; }
   std::uint32_t DataSize() const { return zelRingBuffer_GetDataSize(record->ring_buffer, 1); }
+  // The header pages of the next stream stand in lane 1, and all else is free.
+  void ExpectEmpty() const {
+    EXPECT_EQ(DataSize(), kHeaderPages);
+    EXPECT_EQ(zelRingBuffer_GetDataSize(record->ring_buffer, 0), host.ring_bytes - kHeaderPages);
+    EXPECT_EQ(FilledSlots(), 0);
+  }
   int FilledSlots() const {
     int filled = 0;
     for (const ZelRingBufferChunk& slot : record->utterance_slots)

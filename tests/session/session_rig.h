@@ -37,13 +37,15 @@ struct SessionRig {
     if (session != nullptr) Destroy();
   }
   void Destroy() { EXPECT_EQ(zelRtcSpeechToTextSession_Destroy(std::exchange(session, nullptr)), 1u); }
-  SttRecognizerHn Acquire(const std::string& client_id) {
+  SttRecognizerHn Acquire(const std::string& client_id = "") {
     SttRecognizerHn recognizer = slots->AcquireRecognizer(body);
+    if (recognizer == nullptr) return nullptr;
     recognizer->interface_table->SetClientId(recognizer->instance,
                                              reinterpret_cast<const std::uint8_t*>(client_id.c_str()),
                                              static_cast<std::uint32_t>(client_id.size()) + 1);
     return recognizer;
   }
+  std::uint32_t Release(SttRecognizerHn recognizer) { return slots->ReleaseRecognizer(body, recognizer); }
   const ZelRtcSpeechToTextSessionConfig config;
   WorkArea area;
   ZelRtcSpeechToTextSessionHn session;

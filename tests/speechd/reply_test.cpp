@@ -35,8 +35,7 @@ TEST(Reply, CarriesSpeakerAndTextUnchangedWhenTheyFit) {
 TEST(Reply, AlwaysFitsTheClientsBuffers) {
   const struct {
     const char* name;
-    std::string speaker;
-    std::string text;
+    std::string speaker, text;
   } cases[] = {
       {"empty", "", ""},
       {"long words", "alice", Repeat("word ", 400)},

@@ -26,40 +26,35 @@ class Script {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [&] { return busy_ >= engines; });
   }
-  int Made() const { return made_; }
-  bool fail = false;  // set before engines are at work
-
   zel::speechd::EngineFactory Factory() {
-    return [this]() -> std::unique_ptr<zel::speechd::Engine> {
-      ++made_;
+    return [this] {
+      ++made;
       return std::make_unique<ScriptedEngine>(*this);
     };
   }
 
- private:
-  class ScriptedEngine final : public zel::speechd::Engine {
-   public:
-    explicit ScriptedEngine(Script& script) : script_(script) {}
+  std::atomic<int> made{0};
+  bool fail = false;  // set before engines are at work
 
+ private:
+  struct ScriptedEngine final : zel::speechd::Engine {
+    explicit ScriptedEngine(Script& the_script) : script(the_script) {}
     zel::speechd::Recognition recognize(std::span<const std::int16_t> samples, zel::speechd::Deadline) override {
-      std::unique_lock lock(script_.mutex_);
-      ++script_.busy_;
-      script_.changed_.notify_all();
-      script_.changed_.wait(lock, [this] { return script_.open_; });
-      --script_.busy_;
-      if (script_.fail) throw std::runtime_error("scripted failure");
+      std::unique_lock lock(script.mutex_);
+      ++script.busy_;
+      script.changed_.notify_all();
+      script.changed_.wait(lock, [this] { return script.open_; });
+      --script.busy_;
+      if (script.fail) throw std::runtime_error("scripted failure");
       return {std::to_string(samples.size()) + " samples"};
     }
-
-   private:
-    Script& script_;
+    Script& script;
   };
 
   std::mutex mutex_;
   std::condition_variable changed_;
   bool open_;
   int busy_ = 0;
-  std::atomic<int> made_{0};
 };
 
 }  // namespace speechd_test

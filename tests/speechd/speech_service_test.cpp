@@ -185,21 +185,17 @@ TEST(SpeechService, ReportsWhatTheEngineCannotDo) {
 TEST(SpeechService, SpeaksHttps) {
   const speechd_test::TemporaryFolder folder;
   const kit::ContextPointer context = kit::Authority::Get().MakeContext(kit::Identity::kTrusted);
-  const auto write = [](const std::string& path, auto print) {
-    std::FILE* file = std::fopen(path.c_str(), "w");
-    ASSERT_NE(file, nullptr);
-    EXPECT_EQ(print(file), 1);
-    std::fclose(file);
-  };
-  const std::string certificate = folder.File("certificate.pem");
-  const std::string key = folder.File("key.pem");
-  write(certificate, [&](std::FILE* f) { return PEM_write_X509(f, SSL_CTX_get0_certificate(context.get())); });
-  write(key, [&](std::FILE* f) {
-    return PEM_write_PrivateKey(f, SSL_CTX_get0_privatekey(context.get()), nullptr, nullptr, 0, nullptr, nullptr);
-  });
+  // Certificate and key in one file.
+  const std::string pem = folder.File("identity.pem");
+  std::FILE* file = std::fopen(pem.c_str(), "w");
+  ASSERT_NE(file, nullptr);
+  EXPECT_EQ(PEM_write_X509(file, SSL_CTX_get0_certificate(context.get())), 1);
+  EXPECT_EQ(PEM_write_PrivateKey(file, SSL_CTX_get0_privatekey(context.get()), nullptr, nullptr, 0, nullptr, nullptr),
+            1);
+  std::fclose(file);
 
   Script script;
-  SpeechService service({.tls_certificate = certificate, .tls_key = key, .engines = 1}, script.Factory());
+  SpeechService service({.tls_certificate = pem, .tls_key = pem, .engines = 1}, script.Factory());
   EXPECT_EQ(service.url().substr(0, 8), "https://");
   httplib::SSLClient client("127.0.0.1", service.port());
   client.set_ca_cert_path(kit::Authority::Get().file().c_str());

@@ -1,8 +1,13 @@
 #include "json_reader.h"
 
 #include <gtest/gtest.h>
+
+#ifdef _WIN32
+#include <windows.h>
+#else
 #include <sys/mman.h>
 #include <unistd.h>
+#endif
 
 #include <cstring>
 #include <memory>
@@ -24,15 +29,46 @@ std::string Object(const std::string& members) {
   return std::string("{").append(members).append("}");
 }
 
+#ifdef _WIN32
+std::size_t PageSize() {
+  SYSTEM_INFO info;
+  GetSystemInfo(&info);
+  return info.dwPageSize;
+}
+char* TakePages(std::size_t size) {
+  return static_cast<char*>(VirtualAlloc(nullptr, size, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+}
+bool Forbid(char* page, std::size_t size) {
+  DWORD before = 0;
+  return VirtualProtect(page, size, PAGE_NOACCESS, &before) != FALSE;
+}
+void GivePagesBack(char* pages, std::size_t) {
+  VirtualFree(pages, 0, MEM_RELEASE);
+}
+#else
+std::size_t PageSize() {
+  return static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+}
+char* TakePages(std::size_t size) {
+  return static_cast<char*>(mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+}
+bool Forbid(char* page, std::size_t size) {
+  return mprotect(page, size, PROT_NONE) == 0;
+}
+void GivePagesBack(char* pages, std::size_t size) {
+  munmap(pages, size);
+}
+#endif
+
 // Parses a copy of `text` that ends at an unreadable page, so that reading behind the terminator crashes.
 class Parsed {
  public:
   explicit Parsed(const std::string& text) {
-    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    const std::size_t page = PageSize();
     size_ = (text.size() / page + 2) * page;
-    base_ = static_cast<char*>(mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    base_ = TakePages(size_);
     char* end = base_ + size_ - page;
-    EXPECT_EQ(mprotect(end, page, PROT_NONE), 0);
+    EXPECT_TRUE(Forbid(end, page));
     char* start = end - text.size() - 1;
     std::memcpy(start, text.c_str(), text.size() + 1);
     testing::internal::CaptureStdout();
@@ -42,7 +78,7 @@ class Parsed {
   }
   ~Parsed() {
     zelJsonReader_Close(reader_.get());
-    munmap(base_, size_);
+    GivePagesBack(base_, size_);
   }
   Parsed(const Parsed&) = delete;
   Parsed& operator=(const Parsed&) = delete;

@@ -9,21 +9,23 @@
 #include <unistd.h>
 
 #include <condition_variable>
-#include <fstream>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "child.h"
+#include "child_process.h"
+#include "recordings.h"
 
 namespace {
 
-using testing::ElementsAre;
+using speechd_test::ChildProcess;
+using speechd_test::Output;
+using speechd_test::ReadFile;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-const std::string kSpeech = std::string(ZEL_RECORDINGS) + "/goforward.raw";  // one utterance
+const std::string kSpeech = speechd_test::RecordingPath(speechd_test::kGoForward);  // one utterance
 const std::string kToken = "a-token-to-be-kept-secret";
 constexpr const char* kSuccess = R"({"result":"success","version":"1","speaker":"x","text":"go forward"})";
 
@@ -87,7 +89,7 @@ std::vector<std::string> command(const Service& service, std::vector<std::string
 }
 
 Output run(const Service& service, std::vector<std::string> arguments) {
-  return Child(command(service, std::move(arguments))).finish();
+  return speechd_test::RunProgram(command(service, std::move(arguments)));
 }
 
 std::vector<std::string> sorted_lines(const std::string& text) {
@@ -97,11 +99,6 @@ std::vector<std::string> sorted_lines(const std::string& text) {
     lines.push_back(line);
   std::sort(lines.begin(), lines.end());
   return lines;
-}
-
-std::string read_file(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 TEST(Transcribe, MembersTalkIntoOneRoom) {
@@ -148,16 +145,13 @@ TEST(Transcribe, JsonLinesCarryEverything) {
 }
 
 TEST(Transcribe, UnusableArgumentsAreNamedBeforeAnythingIsSent) {
-  const std::string folder = testing::TempDir();
-  const std::string text = folder + "text-" + std::to_string(getpid()) + ".wav";
-  const std::string empty = folder + "empty-" + std::to_string(getpid()) + ".raw";
-  std::ofstream(text) << "this is no audio at all";
-  std::ofstream(empty).flush();
+  const speechd_test::TemporaryFolder folder;
+  const std::string text = folder.File("text.wav", "this is no audio at all");
   const std::pair<std::string, std::string> cases[] = {
-      {"a=" + folder + "missing.wav", "missing.wav: No such file"},
-      {"a=" + folder, "is a directory"},
+      {"a=" + folder.File("missing.wav"), "missing.wav: No such file"},
+      {"a=" + folder.File(""), "is a directory"},
       {"a=" + text, text + ": "},
-      {"a=" + empty, "holds no audio"},
+      {"a=" + folder.File("empty.raw", ""), "holds no audio"},
       {"nothing", "MEMBER=FILE is needed"},
   };
   Service service;
@@ -168,8 +162,6 @@ TEST(Transcribe, UnusableArgumentsAreNamedBeforeAnythingIsSent) {
     EXPECT_THAT(output.out, IsEmpty());
   }
   EXPECT_THAT(service.requests(), IsEmpty());
-  std::remove(text.c_str());
-  std::remove(empty.c_str());
 }
 
 TEST(Transcribe, FailuresAreCountedAndExplained) {
@@ -183,8 +175,8 @@ TEST(Transcribe, FailuresAreCountedAndExplained) {
   EXPECT_THAT(refused.err, HasSubstr("bad audio"));
   EXPECT_THAT(refused.err, Not(HasSubstr("\x1b")));
 
-  const Output unreachable =
-      Child({ZEL_TRANSCRIBE, "--endpoint", "http://127.0.0.1:1/", "--token", kToken, "a=" + kSpeech, "-v"}).finish();
+  const Output unreachable = speechd_test::RunProgram(
+      {ZEL_TRANSCRIBE, "--endpoint", "http://127.0.0.1:1/", "--token", kToken, "a=" + kSpeech, "-v"});
   EXPECT_EQ(unreachable.status, 1);
   EXPECT_THAT(unreachable.err, HasSubstr("because it is connection error"));
   EXPECT_THAT(refused.err + unreachable.err, Not(HasSubstr(kToken)));
@@ -194,10 +186,10 @@ TEST(Transcribe, ASilentServiceHoldsTheAudioBackAndNothingIsLost) {
   constexpr std::size_t kUtterances = 14;
   Service service;
   service.set_open(false);
-  Child child(command(service, {"me=-"}));
+  ChildProcess child(command(service, {"me=-"}));
   std::string audio;
   for (std::size_t i = 0; i < kUtterances; ++i)
-    audio += read_file(kSpeech) + std::string(32'000, '\0');
+    audio += ReadFile(kSpeech) + std::string(32'000, '\0');
   fcntl(child.input(), F_SETFL, O_NONBLOCK);
   std::size_t held_back_at = audio.size();
   for (std::size_t sent = 0; sent < audio.size();) {
@@ -208,11 +200,11 @@ TEST(Transcribe, ASilentServiceHoldsTheAudioBackAndNothingIsLost) {
     }
     ASSERT_EQ(errno, EAGAIN);
     pollfd ready{child.input(), POLLOUT, 0};
-    if (poll(&ready, 1, 1000) > 0) continue;
+    if (poll(&ready, 1, 1000) > 0 || service.requests().empty()) continue;
     held_back_at = std::min(held_back_at, sent);
     service.set_open(true);
   }
-  const Output output = child.finish();
+  const Output output = child.Finish();
   EXPECT_LT(held_back_at, audio.size());
   EXPECT_EQ(output.status, 0) << output.err;
   EXPECT_EQ(sorted_lines(output.out).size(), kUtterances);
@@ -221,15 +213,15 @@ TEST(Transcribe, ASilentServiceHoldsTheAudioBackAndNothingIsLost) {
 
 TEST(Transcribe, InterruptedItStillHearsTheLastWords) {
   Service service;
-  Child child(command(service, {"me=-"}));
-  const std::string speech = read_file(kSpeech);
+  ChildProcess child(command(service, {"me=-"}));
+  const std::string speech = ReadFile(kSpeech);
   const std::string audio = speech + std::string(32'000, '\0') + speech.substr(0, 2 * 640 * 55);
   ASSERT_EQ(write(child.input(), audio.data(), audio.size()), static_cast<ssize_t>(audio.size()));
   service.wait_for_requests(1);
   for (int unread = 1; unread > 0 && usleep(1000) == 0;)
     ASSERT_EQ(ioctl(child.input(), FIONREAD, &unread), 0);
   kill(child.pid(), SIGINT);
-  const Output output = child.finish();
+  const Output output = child.Finish();
   EXPECT_EQ(output.status, 0) << output.err;
   EXPECT_EQ(sorted_lines(output.out).size(), 2U);
   EXPECT_THAT(output.err, HasSubstr("interrupted"));
@@ -237,8 +229,8 @@ TEST(Transcribe, InterruptedItStillHearsTheLastWords) {
 
 TEST(Transcribe, NobodyReadingTheOutputEndsItQuietly) {
   Service service;
-  Child child(command(service, {"me=" + kSpeech}), false);
-  const Output output = child.finish();
+  ChildProcess child(command(service, {"me=" + kSpeech}), false);
+  const Output output = child.Finish();
   EXPECT_EQ(output.status, 1);
   EXPECT_THAT(output.err, IsEmpty());
 }

@@ -9,6 +9,7 @@
 #include "audio_source.h"
 #include "encoder.h"
 #include "member_feed.h"
+#include "recordings.h"
 #include "utterance_cutter.h"
 #include "utterance_ledger.h"
 #include "voice_detector.h"
@@ -28,7 +29,7 @@ Audio silence(std::size_t frames) {
 }
 
 Audio recording(const std::string& name) {
-  const auto source = open_file(std::string(ZEL_RECORDINGS) + "/" + name);
+  const auto source = open_file(std::string(ZEL_TEST_RECORDINGS "/") + name);
   Audio audio(1);
   while (source->read(audio.back()) == ReadResult::kFrame)
     audio.emplace_back();
@@ -97,10 +98,8 @@ TEST(Utterances, PausesCutAndWordsKeepTheirEnds) {
 }
 
 TEST(Utterances, SentencesStayWhole) {
-  for (const char* name : {"0870", "0880", "0890", "0920", "0930"}) {
-    const Audio speech = recording(std::string("librivox/sense_and_sensibility_01_austen_64kb-") + name + ".wav");
-    EXPECT_EQ(cut({speech}).size(), 1U) << name;
-  }
+  for (const auto& sentence : speechd_test::kNovel)
+    EXPECT_EQ(cut({recording(sentence.file)}).size(), 1U) << sentence.words;
 }
 
 TEST(Utterances, SpeechIsFoundInNoise) {
@@ -116,21 +115,18 @@ TEST(Utterances, SpeechIsFoundInNoise) {
   EXPECT_THAT(spans[0].last, testing::AllOf(testing::Ge(176U), testing::Le(200U)));
 }
 
-TEST(Utterances, NothingIsMadeOfSilenceAndClicks) {
+TEST(Utterances, SilenceClicksNoiseAndMusicMakeNoneOrEnd) {
   Audio clicks = silence(100);
   for (std::size_t i = 0; i < clicks.size(); i += 10)
     clicks[i].fill(20'000);
-  EXPECT_TRUE(cut({silence(500)}).empty());
-  EXPECT_TRUE(cut({noise(500, 100)}).empty());
-  EXPECT_TRUE(cut({clicks}).empty());
-}
-
-TEST(Utterances, NoiseAndMusicDoNotRunOn) {
-  for (const Audio& audio : {noise(3000, 4000), music(3000)}) {
+  for (const Audio& audio : {silence(500), noise(500, 100), clicks})
+    EXPECT_TRUE(cut({audio}).empty());
+  const Audio loud = noise(3000, 4000);
+  for (const Audio& audio : {loud, music(3000)}) {
     for (const Span& span : cut({audio}))
       EXPECT_LE(span.last - span.first, kLongestUtterance + 12);
   }
-  const auto spans = cut({noise(3000, 4000)});  // steady noise is understood to be one after a while
+  const auto spans = cut({loud});  // steady noise is understood to be one after a while
   ASSERT_FALSE(spans.empty());
   EXPECT_LT(spans.back().last, 1500U);
 }
