@@ -132,7 +132,7 @@ std::int32_t PrepareAgent(Exchange* exchange) {
 }
 
 std::int32_t SplitUrl(Exchange* exchange) {
-  constexpr char kFormat[] = "E2021060610:[ZELWREQ] WinHttpCrackUrl() failed. err=%lu(%s)";
+  static constexpr char kFormat[] = "E2021060610:[ZELWREQ] WinHttpCrackUrl() failed. err=%lu(%s)";
   exchange->url = WidenCopy(exchange->request->url, &exchange->url_capacity);
   if (exchange->url == nullptr) return Fail("E2021060609:[ZELWREQ] mbstowcs() for url failed.");
 
@@ -204,7 +204,7 @@ std::int32_t OpenRequest(Exchange* exchange) {
 }
 
 std::int32_t AddHeaders(Exchange* exchange) {
-  constexpr char kFormat[] = "E2021060617:[ZELWREQ] WinHttpAddRequestHeaders() failed. err=%lu(%s)";
+  static constexpr char kFormat[] = "E2021060617:[ZELWREQ] WinHttpAddRequestHeaders() failed. err=%lu(%s)";
   const std::size_t capacity = exchange->longest_header + 2;  // the colon and the terminator
   exchange->line = AllocateWide(capacity);
   if (exchange->line == nullptr) return FailWith(exchange, kFormat, ERROR_NOT_ENOUGH_MEMORY);

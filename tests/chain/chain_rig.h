@@ -1,4 +1,4 @@
-// What the tests of the whole chain share: reports that are kept, a bounded wait, Opus speech and its decoding.
+// What the tests of the whole chain share: reports that are kept, and a bounded wait.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -6,7 +6,6 @@
 #include <chrono>
 #include <mutex>
 #include <string>
-#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -35,11 +34,5 @@ void wait_until(Step step, Done done) {
   }
 }
 
-// A recording of the test data as Opus packets: 16 kHz mono, 40 ms each.
-std::vector<std::string> encode_recording(const std::string& file);
-// The packets' sound at 48 kHz, by the codec alone.
-std::vector<float> decode_packets(const std::vector<std::string>& packets);
-// The stream's sound at 48 kHz; fails the test when an Ogg Opus reader has anything to say against it.
-std::vector<float> decode_stream(std::string_view bytes);
 // A reply that reports success.
 std::string recognized(const std::string& text);

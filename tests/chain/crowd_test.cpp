@@ -8,6 +8,7 @@
 #include "chain_rig.h"
 #include "library.h"
 #include "ogg_pages.h"
+#include "opus_speech.h"
 #include "room.h"
 
 namespace {

@@ -5,6 +5,7 @@
 #include "http_server.h"
 #include "library.h"
 #include "ogg_pages.h"
+#include "opus_speech.h"
 #include "room.h"
 
 namespace {

@@ -10,7 +10,13 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <list>
+#include <map>
+#include <mutex>
 #include <stdexcept>
+#include <thread>
+
+#include "test_certificates.h"
 
 namespace kit {
 namespace {
@@ -37,16 +43,40 @@ void Raise(int event) {
 
 }  // namespace
 
-std::string Reply(std::string_view status, std::string_view body, std::string_view headers) {
-  std::string reply = "HTTP/1.1 ";
-  reply.append(status).append("\r\n").append(headers);
-  return reply.append("Content-Length: ").append(std::to_string(body.size())).append("\r\n\r\n").append(body);
-}
+class HttpServer::State {
+ public:
+  explicit State(std::vector<Script> scripts);
+  ~State();
+  State(const State&) = delete;
+  State& operator=(const State&) = delete;
+
+  std::uint16_t port() const { return port_; }
+  void Release() { Raise(release_); }
+  std::vector<std::string> requests() const;
+
+ private:
+  class Connection;
+
+  void Accept();
+  void Record(std::string request);
+  SSL_CTX* Context(Identity identity);
+
+  std::vector<Script> scripts_;
+  int listener_ = -1;
+  int release_ = -1;  // readable once released
+  int stop_ = -1;     // readable once the server ends
+  std::uint16_t port_ = 0;
+  mutable std::mutex mutex_;  // guards requests_ and contexts_
+  std::vector<std::string> requests_;
+  std::map<Identity, ContextPointer> contexts_;
+  std::list<std::thread> connections_;  // the accepting thread's until it ends
+  std::thread acceptor_;
+};
 
 // One accepted connection; closed with it.
-class HttpServer::Connection {
+class HttpServer::State::Connection {
  public:
-  Connection(HttpServer* server, int socket) : server_(server), socket_(socket) {
+  Connection(State* server, int socket) : server_(server), socket_(socket) {
     const int on = 1;
     setsockopt(socket_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   }
@@ -165,13 +195,13 @@ class HttpServer::Connection {
     return false;
   }
 
-  HttpServer* server_;
+  State* server_;
   int socket_;
   SSL* ssl_ = nullptr;
   bool reset_ = false;
 };
 
-HttpServer::HttpServer(std::vector<Script> scripts) : scripts_(std::move(scripts)) {
+HttpServer::State::State(std::vector<Script> scripts) : scripts_(std::move(scripts)) {
   listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   release_ = eventfd(0, EFD_CLOEXEC);
   stop_ = eventfd(0, EFD_CLOEXEC);
@@ -188,7 +218,7 @@ HttpServer::HttpServer(std::vector<Script> scripts) : scripts_(std::move(scripts
   acceptor_ = std::thread([this] { Accept(); });
 }
 
-HttpServer::~HttpServer() {
+HttpServer::State::~State() {
   Raise(stop_);
   acceptor_.join();
   for (std::thread& connection : connections_)
@@ -198,28 +228,24 @@ HttpServer::~HttpServer() {
   close(stop_);
 }
 
-void HttpServer::Release() {
-  Raise(release_);
-}
-
-std::vector<std::string> HttpServer::requests() const {
+std::vector<std::string> HttpServer::State::requests() const {
   const std::lock_guard lock(mutex_);
   return requests_;
 }
 
-void HttpServer::Record(std::string request) {
+void HttpServer::State::Record(std::string request) {
   const std::lock_guard lock(mutex_);
   requests_.push_back(std::move(request));
 }
 
-SSL_CTX* HttpServer::Context(Identity identity) {
+SSL_CTX* HttpServer::State::Context(Identity identity) {
   const std::lock_guard lock(mutex_);
   ContextPointer& context = contexts_[identity];
   if (context == nullptr) context = Authority::Get().MakeContext(identity);
   return context.get();
 }
 
-void HttpServer::Accept() {
+void HttpServer::State::Accept() {
   // The handshake writes without MSG_NOSIGNAL; threads started here inherit the mask.
   sigset_t pipe;
   sigemptyset(&pipe);
@@ -238,6 +264,31 @@ void HttpServer::Accept() {
       }
       if (!connection.reset()) connection.Linger();
     });
+  }
+}
+
+HttpServer::HttpServer(std::vector<Script> scripts) : state_(std::make_unique<State>(std::move(scripts))) {
+  port_ = state_->port();
+}
+
+HttpServer::~HttpServer() = default;
+
+void HttpServer::Release() {
+  state_->Release();
+}
+
+std::vector<std::string> HttpServer::requests() const {
+  return state_->requests();
+}
+
+void TrustTestAuthority() {
+  setenv("SSL_CERT_FILE", Authority::Get().file().c_str(), 1);
+}
+
+void UseNoProxy() {
+  for (const char* name :
+       {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"}) {
+    unsetenv(name);
   }
 }
 

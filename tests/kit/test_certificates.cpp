@@ -49,7 +49,8 @@ Authority& Authority::Get() {
   return authority;
 }
 
-Authority::Authority() : key_(EVP_EC_gen("P-256")), certificate_(nullptr), file_("/tmp/zel-test-ca-XXXXXX") {
+// RSA, because Wine refuses about one in a hundred ECDSA signatures: those with a number that begins with a zero byte.
+Authority::Authority() : key_(EVP_RSA_gen(2048)), certificate_(nullptr), file_("/tmp/zel-test-ca-XXXXXX") {
   Require(key_ != nullptr, "key");
   certificate_ = MakeCertificate(key_, "Test Authority", nullptr, true, -1, nullptr, nullptr);
   const int descriptor = mkstemp(file_.data());
@@ -61,6 +62,15 @@ Authority::~Authority() {
   unlink(file_.c_str());
   X509_free(certificate_);
   EVP_PKEY_free(key_);
+}
+
+std::string Authority::Der() const {
+  unsigned char* bytes = nullptr;
+  const int size = i2d_X509(certificate_, &bytes);
+  Require(size > 0, "certificate");
+  const std::string der(bytes, bytes + size);
+  OPENSSL_free(bytes);
+  return der;
 }
 
 ContextPointer Authority::MakeContext(Identity identity) const {

@@ -6,19 +6,14 @@
 #include <memory>
 #include <string>
 
+#include "http_script.h"
+
 namespace kit {
 
 struct ContextFree {
   void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
 };
 using ContextPointer = std::unique_ptr<SSL_CTX, ContextFree>;
-
-enum class Identity {
-  kTrusted,     // 127.0.0.1 and localhost, signed by the test authority
-  kOtherHost,   // another host's, signed by the test authority
-  kExpired,     // out of date, signed by the test authority
-  kSelfSigned,  // signed by itself
-};
 
 // The authority of this process, and server contexts with certificates that it signed.
 class Authority {
@@ -27,6 +22,7 @@ class Authority {
 
   // PEM file with the authority's certificate, removed when the process ends.
   const std::string& file() const { return file_; }
+  std::string Der() const;
   ContextPointer MakeContext(Identity identity) const;
 
   Authority(const Authority&) = delete;

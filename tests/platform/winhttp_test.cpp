@@ -127,14 +127,8 @@ BOOL AddHeader(const Exchange& exchange, const std::wstring& line) {
 
 class WinHttp : public testing::Test {
  protected:
-  static void SetUpTestSuite() { setenv("SSL_CERT_FILE", kit::Authority::Get().file().c_str(), 1); }
-
-  void SetUp() override {
-    for (const char* name :
-         {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"}) {
-      unsetenv(name);
-    }
-  }
+  static void SetUpTestSuite() { kit::TrustTestAuthority(); }
+  void SetUp() override { kit::UseNoProxy(); }
 
   static void UseProxy(const char* variable, unsigned port) {
     setenv(variable, ("http://127.0.0.1:" + std::to_string(port)).c_str(), 1);

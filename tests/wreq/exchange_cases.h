@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "http_server.h"
+#include "watched_calls.h"
 #include "wreq_execute.h"
 
 struct ExchangeRequest {
@@ -19,6 +20,7 @@ struct ExchangeRequest {
   std::optional<std::string> user = {};
   std::optional<std::string> password = {};
   std::optional<std::uint32_t> buffer_size = 1232;  // none: no buffer
+  Orders orders = {};                               // to the platform
 };
 
 struct ExchangeOutcome {
@@ -30,6 +32,13 @@ struct ExchangeOutcome {
   std::uint32_t kind = 0;   // class that the number belongs to
 };
 
+// What the exchange is on Windows where it is rightly another. Without an outcome and pieces, the case does not run there.
+struct OnWindows {
+  const char* reason = nullptr;  // none: nothing differs
+  std::optional<ExchangeOutcome> expected = {};
+  std::vector<std::string> sent = {};
+};
+
 struct ExchangeCase {
   const char* name;
   std::vector<kit::Script> server;
@@ -37,6 +46,7 @@ struct ExchangeCase {
   ExchangeOutcome expected;
   std::vector<std::string> sent = {};      // pieces of all requests, joined, in this order
   std::vector<std::string> not_sent = {};  // pieces that the last request must not have
+  OnWindows windows = {};
 };
 
 // Replies of every kind, and what the request looked like.
@@ -47,3 +57,5 @@ std::vector<ExchangeCase> RefusedCases();
 std::vector<ExchangeCase> BrokenCases();
 // TLS.
 std::vector<ExchangeCase> SecureCases();
+// One operation of the platform after the other fails.
+std::vector<ExchangeCase> FailedCallCases();

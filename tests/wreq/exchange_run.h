@@ -1,0 +1,38 @@
+// Runs one exchange of the table against its scripted server, and compares.
+//
+// Thread rule: any number of threads at once, after PrepareExchanges.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "exchange_cases.h"
+
+// Installs the bridge services that the executor reports through; no proxy, and the test authority trusted.
+void PrepareExchanges();
+
+// Copied: texts are only good during the call. Not to the heap, which is watched.
+struct ExchangeReport {
+  std::uint32_t level;
+  char text[128];
+  std::uint64_t error;
+  char name[64];
+};
+
+struct Execution {
+  std::int32_t result;
+  WreqResponse response;
+  std::vector<std::uint8_t> buffer;
+  std::vector<ExchangeReport> reports;
+  bool allocation_failed;  // as ordered
+};
+
+// What every number of the response record is before an execution.
+constexpr std::uint32_t kUntouched = 77;
+
+// Fails the test when the executor keeps anything.
+Execution Execute(const ExchangeRequest& given, unsigned port);
+
+// Whether the case runs on this system.
+bool Runs(const ExchangeCase& c);
+void RunCase(const ExchangeCase& c);

@@ -1,0 +1,43 @@
+// Leads the executor's calls of the platform to watched_calls.cpp. Included in front of the executor's source where that is
+// compiled for its tests.
+#pragma once
+
+#include <windows.h>
+
+#include <winhttp.h>
+
+decltype(WinHttpCrackUrl) Watched_WinHttpCrackUrl;
+decltype(WinHttpCheckPlatform) Watched_WinHttpCheckPlatform;
+decltype(WinHttpGetIEProxyConfigForCurrentUser) Watched_WinHttpGetIEProxyConfigForCurrentUser;
+decltype(WinHttpOpen) Watched_WinHttpOpen;
+decltype(WinHttpSetTimeouts) Watched_WinHttpSetTimeouts;
+decltype(WinHttpConnect) Watched_WinHttpConnect;
+decltype(WinHttpOpenRequest) Watched_WinHttpOpenRequest;
+decltype(WinHttpAddRequestHeaders) Watched_WinHttpAddRequestHeaders;
+decltype(WinHttpSetCredentials) Watched_WinHttpSetCredentials;
+decltype(WinHttpSendRequest) Watched_WinHttpSendRequest;
+decltype(WinHttpReceiveResponse) Watched_WinHttpReceiveResponse;
+decltype(WinHttpQueryHeaders) Watched_WinHttpQueryHeaders;
+decltype(WinHttpQueryDataAvailable) Watched_WinHttpQueryDataAvailable;
+decltype(WinHttpReadData) Watched_WinHttpReadData;
+decltype(WinHttpCloseHandle) Watched_WinHttpCloseHandle;
+decltype(GlobalFree) Watched_GlobalFree;
+
+#ifdef ZEL_WATCHED
+#define WinHttpCrackUrl Watched_WinHttpCrackUrl
+#define WinHttpCheckPlatform Watched_WinHttpCheckPlatform
+#define WinHttpGetIEProxyConfigForCurrentUser Watched_WinHttpGetIEProxyConfigForCurrentUser
+#define WinHttpOpen Watched_WinHttpOpen
+#define WinHttpSetTimeouts Watched_WinHttpSetTimeouts
+#define WinHttpConnect Watched_WinHttpConnect
+#define WinHttpOpenRequest Watched_WinHttpOpenRequest
+#define WinHttpAddRequestHeaders Watched_WinHttpAddRequestHeaders
+#define WinHttpSetCredentials Watched_WinHttpSetCredentials
+#define WinHttpSendRequest Watched_WinHttpSendRequest
+#define WinHttpReceiveResponse Watched_WinHttpReceiveResponse
+#define WinHttpQueryHeaders Watched_WinHttpQueryHeaders
+#define WinHttpQueryDataAvailable Watched_WinHttpQueryDataAvailable
+#define WinHttpReadData Watched_WinHttpReadData
+#define WinHttpCloseHandle Watched_WinHttpCloseHandle
+#define GlobalFree Watched_GlobalFree
+#endif
