@@ -35,7 +35,7 @@ function(zel_plugin_module target)
   add_library(${target} OBJECT ${arg_SOURCES})
   zel_warnings(${target})
   target_compile_options(${target} PRIVATE
-    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics> -fno-asynchronous-unwind-tables)
+    $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti -fno-threadsafe-statics>)
   target_compile_definitions(${target} PRIVATE ZEL_RTC_SPEECH_TO_TEXT_BUILD)
   target_include_directories(${target} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
   target_link_libraries(${target} PRIVATE ${arg_DEPENDS} PUBLIC ${arg_EXPOSES})

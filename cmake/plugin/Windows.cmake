@@ -16,6 +16,9 @@ add_custom_command(OUTPUT ${import_library}
 add_custom_target(zel_import_library ALL DEPENDS ${import_library})
 install(FILES ${import_library} ${exports} DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
+# libogg is part of the DLL, and its license goes with it.
+install(FILES ${CMAKE_FIND_ROOT_PATH}/libogg-license.txt DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
 # Target `package`.
 set(CPACK_GENERATOR ZIP)
 set(CPACK_PACKAGE_FILE_NAME zel_rtc_speech_to_text-${PROJECT_VERSION}-windows-x64)
