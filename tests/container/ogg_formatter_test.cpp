@@ -124,7 +124,9 @@ TEST(OggFormatter, HoldsPacketsUpToItsLimit) {
   EXPECT_EQ(formatter.handle->held, 0);
   EXPECT_EQ(formatter.Write(Packet(2, 256)), 0);
   EXPECT_EQ(formatter.Write(Packet(3, 257)), -1);
-  EXPECT_EQ(host.TakeReports(), (Reports{kTooLong[0], kTooLong[0]}));
+  const OggFormatterPacket negative = {nullptr, -1, 640};
+  EXPECT_EQ(zelContainerFormatterOgg_WritePacket(formatter.handle, &negative, nullptr, 0), -1);
+  EXPECT_EQ(host.TakeReports(), (Reports{kTooLong[0], kTooLong[0], kTooLong[0]}));
   EXPECT_EQ(formatter.handle->granule_position, 0) << "nothing was submitted";
   EXPECT_GT(formatter.Flush(), 0);
   ExpectOpusStream(formatter.stream, {Packet(2, 256)});

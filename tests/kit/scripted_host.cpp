@@ -17,6 +17,11 @@ using Bytes = std::unique_ptr<std::uint8_t[]>;
 
 ScriptedHost* g_host;
 
+// Carries out an order to fail.
+bool Fails(int slot) {
+  return g_host->fail_slot == slot && --g_host->fail_in == 0;
+}
+
 // ---- Objects in work areas of 72 bytes: the area is filled, and must be found so when the object goes
 
 constexpr std::uint8_t kFill = 0xA5;
@@ -164,6 +169,7 @@ struct Ring {
 
 void Acquire(void* handle, std::uint32_t lane, std::uint32_t size, ZelRingBufferChunk* chunk) {
   auto* ring = static_cast<Ring*>(handle);
+  if (Fails(SLOT(ring_buffer_acquire))) size = 0;
   if (g_host->acquire_limit) size = std::min(size, g_host->acquire_limit(lane, size));
   const std::lock_guard lock(ring->mutex);
   size = std::min(size, lane == 0 ? ring->free : static_cast<std::uint32_t>(ring->data.size()));
@@ -237,7 +243,7 @@ struct Entry {
       if (std::this_thread::get_id() == g_host->owner) g_host->calls.push_back(kSlot);
       if constexpr (!std::is_void_v<Result>) {
         constexpr auto kFailure = std::is_same_v<Result, std::int32_t> ? Result(-1) : Result{};
-        if (g_host->fail_slot == kSlot && --g_host->fail_in == 0) return kFailure;
+        if (Fails(kSlot)) return kFailure;
       }
       return service(arguments...);
     };

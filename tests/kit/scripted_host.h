@@ -43,7 +43,7 @@ class ScriptedHost {
   static const BridgeTable& Table();
 
   Reports TakeReports();
-  // The n-th call of `slot` from now on answers null, 0 or, where sizes are asked for, -1.
+  // The n-th call of `slot` from now on answers null, 0 or, where sizes are asked for, -1; an acquired chunk is empty.
   void Fail(int slot, int n);
   // Takes the order back; true when it was carried out.
   bool Failed();

@@ -49,6 +49,15 @@ TEST(Library, AnswersBeforeABridgeIsInstalled) {
   // The rest fails instead of crashing.
   EXPECT_EQ(zelRtcSpeechToText_Initialize(nullptr, nullptr, 0), 0u);
   EXPECT_EQ(zelRtcSpeechToText_CalculateWorkSize(nullptr), -1);
+  EXPECT_EQ(zelRtcSpeechToTextSession_CalculateWorkSize(nullptr), -1);
+  EXPECT_EQ(zelRtcSpeechToTextSession_Create(nullptr, nullptr, 0), nullptr);
+  EXPECT_EQ(zelRtcSpeechToTextSession_Destroy(nullptr), 0u);
+  EXPECT_EQ(zelRtcSpeechToTextSession_EnableMember(nullptr, nullptr, 1), 0u);
+  zelRtcSpeechToText_SetUserMallocFunction(nullptr, nullptr);
+  zelRtcSpeechToText_SetUserFreeFunction(nullptr, nullptr);
+  zelRtcSpeechToText_SetBaseRtcBridgeInterface(nullptr);
+  zelRtcSpeechToText_SetDefaultConfig(nullptr);
+  zelRtcSpeechToTextSession_SetDefaultConfig(nullptr);
   zelRtcSpeechToText_Finalize();
   EXPECT_EQ(zelRtcSpeechToText_IsInitialized(), 0u);
 }
@@ -110,43 +119,6 @@ TEST(Library, TakesItsAreaFromTheApplicationsAllocator) {
     EXPECT_EQ(out, 0);
   }
   EXPECT_TRUE(area.untouched());
-}
-
-TEST(Library, UndoesWhateverFails) {
-  ScriptedHost host;
-  int out = 0;
-  RegisterAllocator(&out);
-  const std::string total = "0 E2022111475:ZelRtcSpeechToText is failed to initialize.";
-  const std::string library = "0 E2022111476:ZelRtcSpeechToText is failed to initialize.";
-  const std::string record = "0 E2022111472:ZelRtcSpeechToTextSesion is failed to initialize.";
-  const std::string mutex = "0 E2022111473:ZelRtcSpeechToTextSesion is failed to initialize.";
-  const struct {
-    int slot, call;
-    Reports reports;
-  } failures[] = {
-      {SLOT(work_size_total), 1, {total}},
-      {SLOT(work_size_total), 2, {}},
-      {SLOT(work_size_total), 3, {total}},
-      {SLOT(user_allocator_allocate), 1, {"0 E2022101105 -3"}},
-      {SLOT(fixed_allocator_allocate), 1, {"0 E2022111445 -2", library}},
-      {SLOT(fixed_allocator_allocate), 2, {record, library}},
-      {SLOT(fixed_allocator_allocate), 3, {mutex, library}},
-      {SLOT(mutex_create), 1, {mutex, library}},
-  };
-  for (const auto& failure : failures) {
-    SCOPED_TRACE("failure " + std::to_string(&failure - failures));
-    host.Fail(failure.slot, failure.call);
-    EXPECT_EQ(zelRtcSpeechToText_Initialize(nullptr, nullptr, 0), 0u);
-    EXPECT_TRUE(host.Failed());
-    EXPECT_EQ(zelRtcSpeechToText_IsInitialized(), 0u);
-    EXPECT_EQ(host.TakeReports(), failure.reports);
-    EXPECT_FALSE(zelSttRegistry_Exists());
-    EXPECT_EQ(out, 0);
-    EXPECT_EQ(host.Live(), (std::array<int, kLiveKinds>{}));
-    EXPECT_EQ(host.timer_depth, 0);
-  }
-  host.Fail(SLOT(work_size_total), 2);
-  EXPECT_EQ(zelRtcSpeechToText_CalculateWorkSize(nullptr), -1);
 }
 
 TEST(SessionRegistry, RefusesMisuse) {

@@ -72,6 +72,10 @@ TEST(RecognitionRequest, PostsTheUtterance) {
     EXPECT_EQ(rig.executor.exchanges().back().body.size(), test.utterance.body_size);
     EXPECT_EQ(rig.host.TakeReports(), test.reports);
   }
+  zelSttRequest_Reset(rig.request);
+  zelSttRequest_SetAuthorization(rig.request, nullptr);
+  EXPECT_EQ(rig.Run(Recognized("x")), STT_REQUEST_SUCCEEDED);
+  EXPECT_EQ(rig.executor.exchanges().back().headers[1].second, "");
 }
 
 TEST(RecognitionRequest, FailsAtOnceWhenTheUtteranceCannotBePosted) {

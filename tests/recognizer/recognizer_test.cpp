@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <map>
 
 #include "json_reader.h"
 #include "ogg_formatter.h"
@@ -62,40 +61,6 @@ TEST(Recognizer, CarvesItsPartsInOrderAtEveryMisalignment) {
   }
 }
 
-TEST(Recognizer, UndoesWhateverFails) {
-  ScriptedHost host;
-  ScriptedExecutor executor;
-  const SttRecognizerConfig config = {16, 4, 10, 0};
-  WorkArea area(zelSttRecognizer_CalculateWorkSize(&config));
-  const std::string pool = ":zelFixedAllocator_Allocate() Failed.", worker = ":Failed create wreq async handle.";
-  // Of the carves: handle, record, formatter and its seven parts, ring buffer, pool and its four parts, queue, stack,
-  // items, texts, mutex, request, its record and reader, worker and its twelve parts and objects, six buffers.
-  std::map<int, std::string> carves = {
-      {13, "0 E2021100782" + pool}, {14, "0 E2021100783" + pool}, {15, "0 E2021100784" + pool}};
-  int k = 26;
-  for (const char* number : {"304", "305", "335", "306", "336", "307", "308", "309", "310", "313", "314", "315"})
-    carves[k++] = std::string("0 E2022121") + number + worker;
-  const struct {
-    int slot, failures;
-    std::map<int, std::string> reports;
-  } services[] = {{SLOT(fixed_allocator_allocate), 43, carves},   {SLOT(ring_buffer_create), 1, {}},
-                  {SLOT(ring_buffer_calculate_work_size), 1, {}}, {SLOT(mutex_create), 1, {}},
-                  {SLOT(event_create), 1, {{1, carves[36]}}},     {SLOT(thread_create), 1, {{1, carves[37]}}}};
-  for (const auto& service : services) {
-    for (k = 1; k <= service.failures + 1; ++k) {
-      SCOPED_TRACE("call " + std::to_string(k) + " of slot " + std::to_string(service.slot));
-      host.Fail(service.slot, k);
-      const SttRecognizerHn handle = zelSttRecognizer_Create(&config, area.data(), area.size());
-      EXPECT_EQ(host.Failed(), k <= service.failures);
-      ASSERT_EQ(handle == nullptr, k <= service.failures);
-      if (handle != nullptr) zelSttRecognizer_Destroy(handle);
-      const auto report = service.reports.find(k);
-      EXPECT_EQ(host.TakeReports(), report != service.reports.end() ? Reports{report->second} : Reports{});
-      EXPECT_EQ(host.Live(), (std::array<int, kLiveKinds>{}));
-    }
-  }
-}
-
 // Every function of this folder refuses what it needs and does not get, or what is out of range.
 TEST(Recognizer, RefusesMisuse) {
   RecognizerRig rig;
@@ -139,10 +104,11 @@ TEST(Recognizer, RefusesMisuse) {
             Refusals("111420 111422 111423 111424 111425 111425 111427 111429 112204 111430 111432 111524 111438 "
                      "111439 111440 111441 111442 111437 110920 110923 110924 110925 111005 111007 111009 111014 "
                      "111015 111531 112205"));
-  const void* const nulls[] = {zelSttRecognizer_Create(nullptr, text, 8),  zelSttRecognizer_Create(&right, nullptr, 8),
-                               zelSttRecognizer_Create(&wrong, text, 8),   zelSttRecognizer_GetClientId(nullptr),
-                               rig.slots->PopTextPacket(nullptr),          zelSttRequest_Create(nullptr, text, 8),
-                               zelSttRequest_Create(&kRequest, nullptr, 8)};
+  const void* const nulls[] = {zelSttRecognizer_Create(nullptr, text, 8),   zelSttRecognizer_Create(&right, nullptr, 8),
+                               zelSttRecognizer_Create(&wrong, text, 8),    zelSttRecognizer_GetClientId(nullptr),
+                               rig.slots->PopTextPacket(nullptr),           zelSttRequest_Create(nullptr, text, 8),
+                               zelSttRequest_Create(&kRequest, nullptr, 8), zelSttRequest_Create(&kRequest, text, -1),
+                               zelSttRecognizer_Create(&right, text, -1)};
   EXPECT_EQ(rig.host.TakeReports(), Refusals("111405 111406 111705 111421 111525 110907 110908"));
   const std::int32_t negatives[] = {
       zelSttRecognizer_CalculateWorkSize(nullptr), zelSttRecognizer_CalculateWorkSize(&wrong),
