@@ -81,8 +81,8 @@ DWORD zelHttpError_FromFailure(const TransferFailure* failure) {
     case CURLE_SEND_ERROR:
     case CURLE_RECV_ERROR:
       return FromSocket(failure);
-    case CURLE_PARTIAL_FILE:
-      return ERROR_WINHTTP_CONNECTION_ERROR;
+    case CURLE_PARTIAL_FILE:  // also in a head that has announced a body: cut off like any other head
+      return failure->head_complete ? ERROR_WINHTTP_CONNECTION_ERROR : ERROR_WINHTTP_INVALID_SERVER_RESPONSE;
     case CURLE_OUT_OF_MEMORY:  // also libcurl's limit on one header line
       return failure->phase == TRANSFER_RECEIVE && !failure->head_complete ? ERROR_WINHTTP_HEADER_SIZE_OVERFLOW
                                                                            : ERROR_NOT_ENOUGH_MEMORY;

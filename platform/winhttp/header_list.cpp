@@ -77,6 +77,11 @@ DWORD zelHttpHeaderList_Add(HeaderList* list, const wchar_t* line, size_t length
   size_t value = key_length + 1;
   while (value < length && line[value] == L' ')
     ++value;
+  // libcurl would drop a header whose value is nothing but blanks: it is sent as an empty one.
+  size_t visible = value;
+  while (visible < length && wcschr(L" \t\v\f", line[visible]) != nullptr)
+    ++visible;
+  if (visible == length) value = length;
 
   HeaderNode* node = MakeNode(line, key_length, line + value, length - value);
   if (node == nullptr) return ERROR_NOT_ENOUGH_MEMORY;

@@ -24,21 +24,38 @@ void AppendEntry(TextBuffer* list, const char* scheme, const char* proxy) {
   zelHttpText_AppendString(list, proxy);
 }
 
+// Two colons at least: one may stand in front of a port.
+bool IsIpv6Address(const char* name, size_t size) {
+  size_t colons = 0;
+  for (size_t i = 0; i < size; ++i)
+    colons += name[i] == ':' ? 1 : 0;
+  return colons > 1;
+}
+
 // "name", ".name" and "*.name" of the environment mean the host and everything below it.
 void AppendException(TextBuffer* list, const char* name, size_t size) {
   if (size > 0 && name[0] == '*') ++name, --size;
   if (size > 0 && name[0] == '.') ++name, --size;
   if (size == 0) return;
   if (list->size > 0) zelHttpText_AppendString(list, ";");
+  if (IsIpv6Address(name, size)) {  // as hosts of URLs are written
+    const bool bare = name[0] != '[';
+    if (bare) zelHttpText_AppendString(list, "[");
+    zelHttpText_Append(list, name, size);
+    if (bare) zelHttpText_AppendString(list, "]");
+    return;
+  }
   zelHttpText_Append(list, name, size);
   zelHttpText_AppendString(list, ";*.");
   zelHttpText_Append(list, name, size);
 }
 
-wchar_t* TakeWide(TextBuffer* buffer) {
-  wchar_t* wide = buffer->size > 0 && !buffer->failed ? zelHttpText_Widen(buffer->data) : nullptr;
+// Null for an empty text; false when memory ran out.
+bool TakeWide(TextBuffer* buffer, wchar_t** wide) {
+  *wide = buffer->size > 0 && !buffer->failed ? zelHttpText_Widen(buffer->data) : nullptr;
+  const bool ok = !buffer->failed && (*wide != nullptr || buffer->size == 0);
   zelHttpText_Free(buffer);
-  return wide;
+  return ok;
 }
 
 // Whether a bypass entry covers the host: a name, "*.suffix", or "<local>" for names without a dot.
@@ -83,18 +100,18 @@ bool HasScheme(const char* entry, size_t size) {
 
 }  // namespace
 
-void zelHttpProxy_ReadEnvironment(wchar_t** list, wchar_t** bypass) {
+bool zelHttpProxy_ReadEnvironment(wchar_t** list, wchar_t** bypass) {
   *list = *bypass = nullptr;
   const char* exceptions = Variable("no_proxy", "NO_PROXY");
-  if (exceptions != nullptr && strcmp(exceptions, "*") == 0) return;
+  if (exceptions != nullptr && strcmp(exceptions, "*") == 0) return true;
   const char* any = Variable("all_proxy", "ALL_PROXY");
   const char* http = Variable("http_proxy", nullptr);
   const char* https = Variable("https_proxy", "HTTPS_PROXY");
   TextBuffer proxies = {};
   AppendEntry(&proxies, "http=", http != nullptr ? http : any);
   AppendEntry(&proxies, "https=", https != nullptr ? https : any);
-  *list = TakeWide(&proxies);
-  if (*list == nullptr || exceptions == nullptr) return;
+  if (!TakeWide(&proxies, list)) return false;
+  if (*list == nullptr || exceptions == nullptr) return true;
 
   TextBuffer names = {};
   while (*exceptions != '\0') {
@@ -103,7 +120,10 @@ void zelHttpProxy_ReadEnvironment(wchar_t** list, wchar_t** bypass) {
     AppendException(&names, exceptions, size);
     exceptions += size;
   }
-  *bypass = TakeWide(&names);
+  if (TakeWide(&names, bypass)) return true;
+  free(*list);
+  *list = nullptr;
+  return false;
 }
 
 char* zelHttpProxy_Select(const char* list, const char* bypass, bool secure, const char* host) {

@@ -4,8 +4,8 @@
 #include <wchar.h>
 
 // Proxy list and bypass list of the environment's http_proxy, https_proxy, all_proxy and no_proxy, malloc'ed, each null
-// when there is nothing (or no memory). HTTP_PROXY is not read: a CGI client could set it.
-void zelHttpProxy_ReadEnvironment(wchar_t** list, wchar_t** bypass);
+// when there is nothing. HTTP_PROXY is not read: a CGI client could set it. False, and both null, when memory ran out.
+bool zelHttpProxy_ReadEnvironment(wchar_t** list, wchar_t** bypass);
 
 // The proxy for a host as a URL ("http://" unless the entry names a scheme), or "" for a direct connection. `list` and
 // `bypass` may be null. Malloc'ed; null when memory ran out.

@@ -136,6 +136,10 @@ bool zelHttpUrl_IsHost(const char* host) {
 DWORD zelHttpUrl_Resolve(const char* base, const char* location, size_t size, wchar_t** url) {
   const void* fragment = memchr(location, '#', size);
   if (fragment != nullptr) size = static_cast<size_t>(static_cast<const char*>(fragment) - location);
+  if (size == 0) {  // the same document, its query included
+    *url = zelHttpText_Widen(base);
+    return *url != nullptr ? 0 : ERROR_NOT_ENOUGH_MEMORY;
+  }
   char* reference = EscapeLocation(location, size);
   CURLU* parts = curl_url();
   char* text = nullptr;

@@ -84,6 +84,25 @@ char* Copy(LPCWSTR text) {
   return zelHttpText_ToUtf8(text, wcslen(text));
 }
 
+// Strings may be null.
+HINTERNET OpenSession(LPCWSTR agent, LPCWSTR proxy_list, LPCWSTR proxy_bypass) {
+  SessionHandle* session = MakeHandle<SessionHandle>(SESSION);
+  if (session == nullptr) return NoHandle(ERROR_NOT_ENOUGH_MEMORY);
+  session->settings.limits = {{0, 60000, 30000, 30000}};
+  bool ok = true;
+  const auto copy = [&ok](LPCWSTR text) {
+    char* bytes = text != nullptr ? Copy(text) : nullptr;
+    ok = ok && (text == nullptr || bytes != nullptr);
+    return bytes;
+  };
+  session->settings.agent = copy(agent);
+  session->settings.proxy_list = copy(proxy_list);
+  session->settings.proxy_bypass = copy(proxy_bypass);
+  if (ok) return session;
+  WinHttpCloseHandle(session);
+  return NoHandle(ERROR_NOT_ENOUGH_MEMORY);
+}
+
 // Copies a component into the caller's buffer, or leaves the needed capacity in `capacity`.
 bool PutComponent(const wchar_t* text, size_t length, LPWSTR buffer, DWORD* capacity) {
   if (buffer == nullptr) return true;
@@ -169,8 +188,8 @@ BOOL WinHttpCheckPlatform(void) {
 BOOL WinHttpGetIEProxyConfigForCurrentUser(WINHTTP_CURRENT_USER_IE_PROXY_CONFIG* config) {
   if (config == nullptr) return Result(ERROR_INVALID_PARAMETER);
   *config = {};
-  zelHttpProxy_ReadEnvironment(&config->lpszProxy, &config->lpszProxyBypass);
-  return TRUE;
+  const bool ok = zelHttpProxy_ReadEnvironment(&config->lpszProxy, &config->lpszProxyBypass);
+  return Result(ok ? 0 : ERROR_NOT_ENOUGH_MEMORY);
 }
 
 HINTERNET WinHttpOpen(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR proxy_bypass, DWORD flags) {
@@ -179,21 +198,14 @@ HINTERNET WinHttpOpen(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR p
     return NoHandle(ERROR_INVALID_PARAMETER);
   }
   if (!WinHttpCheckPlatform()) return nullptr;
-  SessionHandle* session = MakeHandle<SessionHandle>(SESSION);
-  if (session == nullptr) return NoHandle(ERROR_NOT_ENOUGH_MEMORY);
-  session->settings.limits = {{0, 60000, 30000, 30000}};
-  bool ok = true;
-  const auto copy = [&ok](LPCWSTR text) {
-    char* bytes = text != nullptr ? Copy(text) : nullptr;
-    ok = ok && (text == nullptr || bytes != nullptr);
-    return bytes;
-  };
-  session->settings.agent = copy(agent);
-  session->settings.proxy_list = copy(proxy);
-  session->settings.proxy_bypass = copy(proxy_bypass);
-  if (ok) return session;
-  WinHttpCloseHandle(session);
-  return NoHandle(ERROR_NOT_ENOUGH_MEMORY);
+  if (named) return OpenSession(agent, proxy, proxy_bypass);
+  // A caller who could not read the proxies of the environment must not go past them.
+  WINHTTP_CURRENT_USER_IE_PROXY_CONFIG config;
+  if (!WinHttpGetIEProxyConfigForCurrentUser(&config)) return nullptr;
+  const HINTERNET session = OpenSession(agent, config.lpszProxy, config.lpszProxyBypass);
+  free(config.lpszProxy);
+  free(config.lpszProxyBypass);
+  return session;
 }
 
 BOOL WinHttpSetTimeouts(HINTERNET handle, int resolve, int connect, int send, int receive) {

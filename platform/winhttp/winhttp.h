@@ -116,11 +116,12 @@ BOOL WinHttpCrackUrl(LPCWSTR url, DWORD length, DWORD flags, URL_COMPONENTS* com
 BOOL WinHttpCheckPlatform(void);
 
 // The user's proxies from http_proxy, https_proxy and all_proxy as "http=...;https=...", the exceptions from no_proxy
-// separated by ';'. Null strings where there is nothing; the caller releases the others with GlobalFree.
+// separated by ';'. Null strings where there is nothing; the caller releases the others with GlobalFree. Fails, with null
+// strings, when memory runs out.
 BOOL WinHttpGetIEProxyConfigForCurrentUser(WINHTTP_CURRENT_USER_IE_PROXY_CONFIG* config);
 
-// A session. Proxy list: "[scheme=][scheme://]host:port" entries separated by ';' or blanks, used with NAMED_PROXY
-// only; bypass list: host names, "*.suffix" and "<local>", separated likewise. Flags: 0.
+// A session. Proxy list: "[scheme=][scheme://]host:port" entries separated by ';' or blanks, with NAMED_PROXY;
+// bypass list: host names, "*.suffix" and "<local>", separated likewise. DEFAULT_PROXY: the user's, as above. Flags: 0.
 HINTERNET WinHttpOpen(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR proxy_bypass, DWORD flags);
 
 // Milliseconds of each phase of the session's later requests; 0 and -1: unlimited. Without this call: unlimited, 60000,

@@ -13,7 +13,11 @@ enum class Identity {
   kTrusted,     // 127.0.0.1 and localhost, signed by the test authority
   kOtherHost,   // another host's, signed by the test authority
   kExpired,     // out of date, signed by the test authority
+  kNotYet,      // good from tomorrow on, signed by the test authority
   kSelfSigned,  // signed by itself
+  kStranger,    // signed by an authority that nobody knows
+  kOldTls,      // as kTrusted, but speaks TLS 1.0 only
+  kAsksBack,    // as kTrusted, but wants a certificate of the client
 };
 
 // What a connection does next. After the last step, and when the client has gone, the connection is closed.
@@ -23,7 +27,10 @@ struct Step {
     kReadHead,     // head only
     kReadSome,     // whatever comes first; not recorded
     kSend,         // the text
-    kTrickle,      // the text byte by byte, again and again until the client has gone
+    kSendPlain,    // the text, past TLS
+    kFlood,        // the text, again and again until the client has gone
+    kTrickle,      // the same byte by byte
+    kSip,          // takes a few bytes now and then until the client has gone
     kStall,        // nothing until Release or the client has gone
     kTls,          // server side of a TLS handshake
     kReset,        // close with a TCP reset
@@ -50,8 +57,17 @@ inline Step ReadSome() {
 inline Step Send(std::string text) {
   return {Step::Kind::kSend, std::move(text)};
 }
+inline Step SendPlain(std::string text) {
+  return {Step::Kind::kSendPlain, std::move(text)};
+}
+inline Step Flood(std::string text) {
+  return {Step::Kind::kFlood, std::move(text)};
+}
 inline Step Trickle(std::string text) {
   return {Step::Kind::kTrickle, std::move(text)};
+}
+inline Step Sip() {
+  return {Step::Kind::kSip};
 }
 inline Step Stall() {
   return {Step::Kind::kStall};

@@ -21,7 +21,7 @@
 namespace kit {
 namespace {
 
-constexpr int kTrickleInterval = 20;  // ms between two bytes
+constexpr int kTrickleInterval = 20;  // ms between two bytes, or two sips
 constexpr std::size_t kMaxRequest = 16 * 1024 * 1024;
 
 std::string Replace(std::string text, std::string_view what, const std::string& with) {
@@ -98,8 +98,18 @@ class HttpServer::State::Connection {
         return ReadSome();
       case Step::Kind::kSend:
         return Write(Replace(step.text, "{port}", std::to_string(server_->port_)));
+      case Step::Kind::kSendPlain:
+        return WritePlain(step.text);
+      case Step::Kind::kFlood:
+        while (Write(step.text)) {
+        }
+        return false;
       case Step::Kind::kTrickle:
         return TrickleText(step.text);
+      case Step::Kind::kSip:
+        while (Wait(kTrickleInterval, -1) && ReadSome()) {
+        }
+        return false;
       case Step::Kind::kStall:
         return Wait(-1, server_->release_);
       case Step::Kind::kTls:
@@ -152,6 +162,10 @@ class HttpServer::State::Connection {
       sent += static_cast<std::size_t>(count);
     }
     return true;
+  }
+
+  bool WritePlain(const std::string& text) {
+    return send(socket_, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
   }
 
   bool ReadRequest(bool with_body) {

@@ -75,15 +75,31 @@ std::string Authority::Der() const {
 
 ContextPointer Authority::MakeContext(Identity identity) const {
   EVP_PKEY* key = EVP_EC_gen("P-256");
-  Require(key != nullptr, "key");
+  EVP_PKEY* stranger = EVP_EC_gen("P-256");
+  Require(key != nullptr && stranger != nullptr, "key");
   const char* name = identity == Identity::kOtherHost ? "DNS:other.invalid" : "IP:127.0.0.1,DNS:localhost";
-  const bool self_signed = identity == Identity::kSelfSigned;
-  X509* certificate = MakeCertificate(key, "Test Server", name, false, identity == Identity::kExpired ? -10 : -1,
-                                      self_signed ? nullptr : certificate_, self_signed ? nullptr : key_);
+  const long first_day = identity == Identity::kExpired ? -10 : identity == Identity::kNotYet ? 1 : -1;
+  X509* unknown = MakeCertificate(stranger, "Unknown Authority", nullptr, true, -1, nullptr, nullptr);
+  X509* issuer = identity == Identity::kStranger ? unknown : identity == Identity::kSelfSigned ? nullptr : certificate_;
+  X509* certificate = MakeCertificate(key, "Test Server", name, false, first_day, issuer,
+                                      issuer == unknown   ? stranger
+                                      : issuer != nullptr ? key_
+                                                          : nullptr);
   ContextPointer context(SSL_CTX_new(TLS_server_method()));
-  const bool ok = context != nullptr && SSL_CTX_use_certificate(context.get(), certificate) == 1 &&
-                  SSL_CTX_use_PrivateKey(context.get(), key) == 1;
+  bool ok = context != nullptr;
+  if (ok && identity == Identity::kOldTls) {
+    SSL_CTX_set_security_level(context.get(), 0);
+    ok = SSL_CTX_set_min_proto_version(context.get(), TLS1_VERSION) == 1 &&
+         SSL_CTX_set_max_proto_version(context.get(), TLS1_VERSION) == 1;
+  }
+  if (ok && identity == Identity::kAsksBack) {
+    SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+  }
+  ok =
+      ok && SSL_CTX_use_certificate(context.get(), certificate) == 1 && SSL_CTX_use_PrivateKey(context.get(), key) == 1;
   X509_free(certificate);
+  X509_free(unknown);
+  EVP_PKEY_free(stranger);
   EVP_PKEY_free(key);
   Require(ok, "server context");
   return context;

@@ -10,12 +10,6 @@
 
 namespace {
 
-#ifdef _WIN32
-constexpr bool kWindows = true;
-#else
-constexpr bool kWindows = false;
-#endif
-
 // Of the calling thread's execution. Has room for more than may come, so that reporting takes nothing from the heap.
 thread_local std::vector<ExchangeReport> reports;
 
@@ -27,9 +21,9 @@ void Keep(std::uint32_t level, const char* text, std::uint64_t error, const char
   std::snprintf(report.name, sizeof report.name, "%s", name);
 }
 
-std::string WithPort(std::string text, unsigned port) {
-  const std::size_t at = text.find("{port}");
-  return at == std::string::npos ? text : text.replace(at, 6, std::to_string(port));
+std::string WithPort(std::string text, unsigned port, std::string_view mark = "{port}") {
+  const std::size_t at = text.find(mark);
+  return at == std::string::npos ? text : text.replace(at, mark.size(), std::to_string(port));
 }
 
 void ExpectOutcome(const ExchangeOutcome& expected, const Execution& execution) {
@@ -71,8 +65,18 @@ void ExpectRequests(const ExchangeCase& c, const std::vector<std::string>& reque
     ASSERT_NE(found, std::string::npos) << "missing: " << piece << "\nin:\n" << all;
     at = found + piece.size();
   }
+  if (!c.other.empty()) return;
   for (const std::string& piece : c.not_sent) {
     EXPECT_TRUE(requests.empty() || requests.back().find(piece) == std::string::npos) << piece << "\nin:\n" << all;
+  }
+}
+
+// What a second server got: nothing at all when the exchange was to end before.
+void ExpectOther(const ExchangeCase& c, const std::vector<std::string>& requests) {
+  EXPECT_EQ(requests.size(), c.expected.result == WREQ_EXECUTE_OK ? 1u : 0u);
+  for (const std::string& request : requests) {
+    for (const std::string& piece : c.not_sent)
+      EXPECT_EQ(request.find(piece), std::string::npos) << piece << "\nin:\n" << request;
   }
 }
 
@@ -136,7 +140,16 @@ void RunCase(const ExchangeCase& given) {
   if (kWindows && c.windows.expected) c.expected = *c.windows.expected;
   if (kWindows && c.windows.reason != nullptr) c.sent = c.windows.sent;
   if (c.server.empty()) return ExpectOutcome(c.expected, Execute(c.request, 1));
+  std::optional<kit::HttpServer> other;
+  if (!c.other.empty()) {
+    other.emplace(c.other);
+    for (kit::Script& script : c.server) {
+      for (kit::Step& step : script)
+        step.text = WithPort(std::move(step.text), other->port(), "{other}");
+    }
+  }
   const kit::HttpServer server(c.server);
   ExpectOutcome(c.expected, Execute(c.request, server.port()));
   ExpectRequests(c, server.requests());
+  if (other) ExpectOther(c, other->requests());
 }

@@ -8,6 +8,12 @@
 
 #include "exchange_cases.h"
 
+#ifdef _WIN32
+constexpr bool kWindows = true;
+#else
+constexpr bool kWindows = false;
+#endif
+
 // Installs the bridge services that the executor reports through; no proxy, and the test authority trusted.
 void PrepareExchanges();
 
