@@ -10,6 +10,7 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "carving.h"
 #include "reports.h"
@@ -21,7 +22,10 @@ namespace {
 
 // ---- Atomics, strings, memory ---------------------------------------------------------------------------------------
 
+thread_local const WordWatch* innermost_watch = nullptr;
+
 std::uint32_t atomic_load(const std::uint32_t* word) noexcept {
+  if (innermost_watch != nullptr) innermost_watch->see(word);
   return __atomic_load_n(word, __ATOMIC_SEQ_CST);
 }
 void atomic_store(std::uint32_t* word, std::uint32_t value) noexcept {
@@ -276,6 +280,13 @@ const ZelBaseRtcBridgeInterface& bridge_interface() noexcept {
 
 std::uint32_t clock_users() noexcept {
   return clock_user_count.load();
+}
+
+WordWatch::WordWatch(std::function<void(const std::uint32_t*)> see) noexcept
+    : see_(std::move(see)), outer_(std::exchange(innermost_watch, this)) {}
+
+WordWatch::~WordWatch() {
+  innermost_watch = outer_;
 }
 
 }  // namespace zel::host

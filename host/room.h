@@ -12,23 +12,17 @@
 //   room.begin_leave(7);                             // pump goes on until the last words have arrived
 //   room.close();
 //
-// The session must run on the bridge services of this folder: the room learns from their ring buffers which utterances
-// wait (see "How the room knows" below). The session must outlive the room.
+// The session must run on the bridge services of this folder: the room learns from them what became of each utterance
+// (ledger.h says what is counted, member.h how). The session must outlive the room.
 //
 // Thread rule. Every operation may be called from any thread. feed is meant for audio threads: it never throws and
-// never waits for the service. pump, add_member and the setters wait while a recognizer is taken back, which lasts as
+// never waits for the service. pump, reset, add_member and the setters wait while a recognizer is taken back, which lasts as
 // long as an exchange that is cut off by its leave deadline. Events are called on the thread that pumps, in order, with
-// no lock of the room held: they may call every operation but pump and close.
+// no lock of the room held: they may call every operation but pump, leave
+// and close.
 //
 // Errors. feed answers with a FrameResult. All other operations throw RoomError and have changed nothing then. The
-// recognition's own errors arrive as reports (reports.h) and in the members' records.
-//
-// How the room knows. An utterance that the plug-in has stored for posting is one chunk that left lane 1 of the
-// member's ring buffer; when it has been answered, for better or worse, that chunk is committed to lane 0. The ring
-// buffer counts both. The room finds out which ring buffer belongs to a member by watching which one its first audio
-// frame touches. Looking at both counts around each frame and each update shows what was stored, dropped and answered;
-// a text that came with the answer was delivered, and failure reports of the same updates tell failed from empty
-// answers.
+// recognition's own errors arrive as reports (reports.h) and in the members' ledgers.
 #pragma once
 
 #include <chrono>
@@ -42,6 +36,7 @@
 #include <string_view>
 #include <vector>
 
+#include "ledger.h"
 #include "zel_rtc_speech_to_text.h"
 #include "zel_rtc_speech_to_text_host.h"
 
@@ -78,10 +73,10 @@ class RoomError : public std::runtime_error {
 /** What became of a frame. */
 enum class FrameResult {
   kTaken,
-  kDisabled,      ///< the application has disabled the member; the frame was dropped
-  kFull,          ///< nothing taken: eight utterances wait or the ring buffer is nearly full. The same frame can be fed
-                  ///< again after a pump. Refused silence may be forgotten: the utterance then stays open a little
-                  ///< longer; refused audio that is not fed again is lost
+  kDisabled,  ///< the application has disabled the member; the frame was dropped
+  kFull,      ///< nothing taken: eight utterances wait, the ring buffer is nearly full, or the room is being reset.
+  ///< The same frame can be fed again after a pump. Refused silence may be forgotten: the utterance then stays open a little
+  ///< longer; refused audio that is not fed again is lost
   kTooLong,       ///< nothing taken: more than kMaxPacketSize bytes
   kNoSuchMember,  ///< nothing taken: not a member, or leaving
 };
@@ -90,42 +85,16 @@ enum class FrameResult {
 struct RoomText {
   std::uint32_t member_id = 0;
   std::string client_id;
+  std::uint64_t utterance = 0;     ///< which of the member's stored utterances (MemberLedger::stored), from 1
   std::string text;                ///< raw JSON string content of the reply: escape sequences stand as written
   std::uint64_t timestamp_us = 0;  ///< microseconds from the room's construction to the collection of the reply
-};
-
-/** What became of everything one member said. At any time
- *    ended  == stored + too_short + dropped
- *    stored == delivered + failed + empty + unexplained + abandoned + waiting. */
-struct MemberRecord {
-  std::uint32_t member_id = 0;
-  std::string client_id;
-
-  std::uint64_t frames = 0;           ///< frames taken, those the room inserted not counted
-  std::uint64_t audio_frames = 0;     ///< of these, with a packet
-  std::uint64_t refused_frames = 0;   ///< answered kFull or kTooLong
-  std::uint64_t disabled_frames = 0;  ///< answered kDisabled
-
-  std::uint64_t ended = 0;          ///< utterances ended, by whatever
-  std::uint64_t forced_pauses = 0;  ///< of these, ended by the room because of the request body limit
-  std::uint64_t too_short = 0;      ///< less than 200 ms of audio
-  std::uint64_t dropped = 0;        ///< given up before they were stored: member disabled, or no room in the plug-in
-  std::uint64_t stored = 0;         ///< kept for posting
-
-  std::uint64_t posted = 0;       ///< utterances whose turn came: all that were answered, and the one under way
-  std::uint64_t delivered = 0;    ///< answered with a text
-  std::uint64_t failed = 0;       ///< refused, failed or not deliverable, as a report said
-  std::uint64_t empty = 0;        ///< answered with an empty text
-  std::uint64_t unexplained = 0;  ///< answered without a text when only some of several such answers had a report
-  std::uint64_t abandoned = 0;    ///< still waiting when the member was released
-  std::uint64_t waiting = 0;      ///< stored and not answered yet, at most kMaxWaiting
 };
 
 /** What the room tells the application; either may be empty. An event that throws ends the pump with its exception;
  * the events behind it come with the next pump. */
 struct RoomEvents {
   std::function<void(const RoomText&)> text;
-  std::function<void(const MemberRecord&)> left;  ///< the member has been released; its last text came before
+  std::function<void(const MemberLedger&)> left;  ///< the member has been released; its last text came before
 };
 
 class Room {
@@ -161,6 +130,10 @@ class Room {
   std::size_t waiting(std::uint32_t member_id) const;
   std::size_t waiting() const;
 
+  /** Drops everything that was said and not answered: it is lost. Members and settings stay. Waits for exchanges in
+   * flight; frames fed meanwhile are answered kFull. kClosed. */
+  void reset();
+
   /** Drives recognition: one update of the session, texts collected, leaving members moved on, events called. Meant to
    * be called every 40 ms; any rate works. Result: number of texts. Does nothing in a closed room. */
   std::size_t pump();
@@ -178,10 +151,10 @@ class Room {
   bool has_member(std::uint32_t member_id) const;
   /** Members in the room, leaving ones included. */
   std::size_t member_count() const;
-  /** The member's record so far. kNoSuchMember. */
-  MemberRecord record(std::uint32_t member_id) const;
-  /** The records of all members in the room, by member id. */
-  std::vector<MemberRecord> records() const;
+  /** The member's ledger so far. kNoSuchMember. */
+  MemberLedger ledger(std::uint32_t member_id) const;
+  /** The ledgers of all members in the room, by member id. */
+  std::vector<MemberLedger> ledgers() const;
 
  private:
   struct State;

@@ -7,9 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "options.h"
-#include "room.h"
-#include "utterance_ledger.h"
+#include "member_feed.h"
 
 namespace zel::transcribe {
 

@@ -1,6 +1,7 @@
 #include "failure_log.h"
 
 #include <cstdio>
+#include <utility>
 
 #include "json_text.h"
 
@@ -12,7 +13,7 @@ constexpr const char* kOthers = "other reports";
 
 }  // namespace
 
-FailureLog::FailureLog(bool verbose) : verbose_(verbose) {
+FailureLog::FailureLog(bool verbose, std::string token) : verbose_(verbose), token_(std::move(token)) {
   host::set_report_sink([this](const host::Report& report) { collect(report); });
 }
 
@@ -21,7 +22,8 @@ FailureLog::~FailureLog() {
 }
 
 void FailureLog::collect(const host::Report& report) {
-  std::string message = printable(unescape(report.message));
+  // The token may stand there as it is or escaped.
+  const std::string message = printable(hide_token(unescape(hide_token(report.message, token_)), token_));
   std::lock_guard hold(mutex_);
   if (verbose_) std::fprintf(stderr, "%s\n", message.c_str());
   const bool known = counts_.contains(message) || counts_.size() < kMaxMessages;

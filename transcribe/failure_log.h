@@ -1,4 +1,4 @@
-// Collects the plug-in's reports for the summary.
+// Collects the plug-in's reports for the summary, without the access token that a service may have put into them.
 //
 // Thread rule: collect may be called from any thread; while an object lives, it is the report sink of the process.
 #pragma once
@@ -15,7 +15,7 @@ namespace zel::transcribe {
 class FailureLog {
  public:
   /** `verbose`: prints every report as it comes. */
-  explicit FailureLog(bool verbose);
+  FailureLog(bool verbose, std::string token);
   ~FailureLog();
   FailureLog(const FailureLog&) = delete;
   FailureLog& operator=(const FailureLog&) = delete;
@@ -27,6 +27,7 @@ class FailureLog {
   void collect(const host::Report& report);
 
   bool verbose_;
+  std::string token_;
   mutable std::mutex mutex_;
   std::map<std::string, std::uint64_t> counts_;
 };

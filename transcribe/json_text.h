@@ -14,4 +14,8 @@ std::string unescape(std::string_view raw);
  * no UTF-8 U+FFFD. */
 std::string printable(std::string_view text);
 
+/** `text` with "<token>" for the token and for every part of it of 8 bytes or more: a service that answers with what it
+ * was sent may cut it off anywhere. */
+std::string hide_token(std::string_view text, std::string_view token);
+
 }  // namespace zel::transcribe

@@ -25,6 +25,9 @@ int main(int argc, char** argv) {
     if (options.help_shown) return 0;
     const Summary summary = run(options, open_sources(options));
     std::fputs(format_summary(summary).c_str(), stderr);
+    if (options.stats) {
+      std::fputs(format_stats(summary, options.format).c_str(), options.format == Format::kText ? stderr : stdout);
+    }
     return succeeded(summary) ? 0 : kFailure;
   } catch (const UsageError& error) {
     return complain(error, kUsage);

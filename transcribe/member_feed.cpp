@@ -68,8 +68,7 @@ void MemberFeed::note_taken(const host::Room& room, const Piece& piece) {
     if (!spoken_) spoken_ = Stretch{begin, begin};
     spoken_->end = begin + kFrameSeconds;
   } else if (piece.last_of_cut && spoken_) {
-    const std::uint64_t stored = room.record(id_).stored;
-    if (std::exchange(stored_, stored) != stored) ledger_.stored(*spoken_);
+    stretches_.emplace(room.ledger(id_).stored(), *spoken_);  // there already when this one was too short
     spoken_.reset();
   }
 }
@@ -89,9 +88,12 @@ bool MemberFeed::read_frame() {
   return true;
 }
 
-std::vector<std::optional<Stretch>> MemberFeed::resolve(std::size_t texts, const host::MemberRecord& record) {
-  return ledger_.resolve(texts,
-                         record.delivered + record.failed + record.empty + record.unexplained + record.abandoned);
+std::optional<Stretch> MemberFeed::take_stretch(std::uint64_t utterance) {
+  const auto found = stretches_.lower_bound(utterance);
+  const bool known = found != stretches_.end() && found->first == utterance;
+  const auto stretch = known ? std::optional(found->second) : std::nullopt;
+  stretches_.erase(stretches_.begin(), found);
+  return stretch;
 }
 
 }  // namespace zel::transcribe

@@ -7,23 +7,28 @@
 
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "audio_source.h"
 #include "encoder.h"
 #include "options.h"
 #include "room.h"
 #include "utterance_cutter.h"
-#include "utterance_ledger.h"
 #include "voice_detector.h"
 
 namespace zel::transcribe {
 
 /** Longest utterance, frames: 25 s, which a recognizer at twice real time answers within the plug-in's time-outs. */
 inline constexpr std::size_t kLongestUtterance = 625;
+
+/** A part of a member's audio, seconds from its beginning. */
+struct Stretch {
+  double begin = 0;
+  double end = 0;
+};
 
 /** The longest utterance at a bit rate: no more than kLongestUtterance, nor than fits the request body with the room's
  * reserve. */
@@ -45,8 +50,8 @@ class MemberFeed {
   /** The audio is over now; what was read is still fed. */
   void stop() { stopped_ = true; }
 
-  /** What one pump gave: the texts' stretches. `record`: the member's, after the pump. */
-  std::vector<std::optional<Stretch>> resolve(std::size_t texts, const host::MemberRecord& record);
+  /** Where the room's utterance of that number was spoken; earlier ones are forgotten. Nothing when the room cut it. */
+  std::optional<Stretch> take_stretch(std::uint64_t utterance);
 
   std::uint32_t id() const { return id_; }
   ZelRtcSpeechToTextLanguage language() const { return language_; }
@@ -81,9 +86,8 @@ class MemberFeed {
   bool in_utterance_ = false;  // of the frames encoded
   std::uint64_t frames_read_ = 0;
 
-  UtteranceLedger ledger_;
-  std::uint64_t stored_ = 0;
-  std::optional<Stretch> spoken_;  // the utterance of the frames that the room has taken
+  std::map<std::uint64_t, Stretch> stretches_;  // by the room's number, of utterances that wait
+  std::optional<Stretch> spoken_;               // the utterance of the frames that the room has taken
 };
 
 }  // namespace zel::transcribe

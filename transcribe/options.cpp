@@ -150,6 +150,7 @@ void describe(CLI::App& app, Options& options, Arguments& arguments) {
       ->check(CLI::Range(kMinBitrate, kMaxBitrate))
       ->option_text("BITRATE");
   app.add_flag("-v,--verbose", options.verbose, "print every report of the plug-in as it comes");
+  app.add_flag("--stats", options.stats, "say at the end what became of every frame and utterance, member by member");
   app.footer(
       "Texts appear on standard output as they arrive, the summary on standard error.\n"
       "Exit status: 0 when every utterance was answered, 1 when some failed, 2 for unusable arguments or files.\n");

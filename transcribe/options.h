@@ -37,6 +37,7 @@ struct Options {
   int bitrate = kDefaultBitrate;
   bool realtime = false;
   bool verbose = false;
+  bool stats = false;
   bool help_shown = false;  ///< the user asked for help and got it; nothing else is set
 };
 

@@ -2,55 +2,50 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
 #include "json_text.h"
 
 namespace zel::transcribe {
 namespace {
 
-struct Counts {
-  std::uint64_t posted = 0;
-  std::uint64_t answered = 0;  // with a text, or with the word that there is none
-  std::uint64_t failed = 0;    // or not known to have been answered
+using host::MemberLedger;
 
-  Counts& operator+=(const Counts& other) {
-    posted += other.posted;
-    answered += other.answered;
-    failed += other.failed;
-    return *this;
-  }
-};
-
-Counts count(const host::MemberRecord& record) {
-  return {record.posted, record.delivered + record.empty,
-          record.failed + record.unexplained + record.abandoned + record.dropped};
-}
-
-std::string format_counts(const Counts& counts, double audio_seconds) {
+std::string format_counts(const MemberLedger& ledger, double audio_seconds) {
   char text[160];
   std::snprintf(text, sizeof text, "%llu utterances posted, %llu answered, %llu failed; %.1f s of audio",
-                static_cast<unsigned long long>(counts.posted), static_cast<unsigned long long>(counts.answered),
-                static_cast<unsigned long long>(counts.failed), audio_seconds);
+                static_cast<unsigned long long>(ledger.posted), static_cast<unsigned long long>(ledger.delivered),
+                static_cast<unsigned long long>(ledger.unheard()), audio_seconds);
   return text;
+}
+
+// Names and values in their order.
+nlohmann::ordered_json stats_of(const MemberLedger& ledger) {
+  nlohmann::ordered_json stats;
+  for (const auto& [name, count] : host::kLedgerCounts)
+    stats[name] = ledger.*count;
+  for (std::size_t i = 0; i < ledger.failures.size(); ++i) {
+    if (ledger.failures[i] > 0) stats[std::string(host::kFailureReports[i])] = ledger.failures[i];
+  }
+  return stats;
 }
 
 }  // namespace
 
 bool succeeded(const Summary& summary) {
   return std::all_of(summary.members.begin(), summary.members.end(), [](const MemberSummary& member) {
-    return count(member.record).failed == 0 && member.source_error.empty();
+    return member.ledger.unheard() == 0 && member.source_error.empty();
   });
 }
 
 std::string format_summary(const Summary& summary) {
   std::string text = summary.interrupted ? "interrupted\n" : "";
-  Counts total;
+  MemberLedger total;
   double audio_seconds = 0;
   for (const MemberSummary& member : summary.members) {
-    const Counts counts = count(member.record);
-    text += printable(member.record.client_id) + ": " + format_counts(counts, member.audio_seconds) + "\n";
+    text += printable(member.ledger.client_id) + ": " + format_counts(member.ledger, member.audio_seconds) + "\n";
     if (!member.source_error.empty()) text += "  audio ended early: " + member.source_error + "\n";
-    total += counts;
+    total += member.ledger;
     audio_seconds += member.audio_seconds;
   }
   char wall[40];
@@ -59,6 +54,23 @@ std::string format_summary(const Summary& summary) {
   for (const auto& [message, times] : summary.reports)
     text += "  " + std::to_string(times) + " x " + message + "\n";
   return text;
+}
+
+std::string format_stats(const Summary& summary, Format format) {
+  auto all = nlohmann::ordered_json::array();
+  std::string text;
+  for (const MemberSummary& member : summary.members) {
+    const auto stats = stats_of(member.ledger);
+    text += printable(member.ledger.client_id) + ":";
+    for (const auto& [name, value] : stats.items())
+      text += " " + name + "=" + value.dump();
+    text += "\n";
+    all.push_back({{"member", member.ledger.client_id}, {"member_id", member.ledger.member_id}});
+    all.back().update(stats);
+  }
+  if (format == Format::kText) return text;
+  return nlohmann::ordered_json{{"stats", all}}.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) +
+         "\n";
 }
 
 }  // namespace zel::transcribe

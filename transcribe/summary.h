@@ -8,12 +8,13 @@
 #include <string>
 #include <vector>
 
-#include "room.h"
+#include "ledger.h"
+#include "options.h"
 
 namespace zel::transcribe {
 
 struct MemberSummary {
-  host::MemberRecord record;
+  host::MemberLedger ledger;
   double audio_seconds = 0;
   std::string source_error;  ///< why its audio ended before its time; empty when it did not
 };
@@ -29,5 +30,7 @@ struct Summary {
 bool succeeded(const Summary& summary);
 /** Several lines. */
 std::string format_summary(const Summary& summary);
+/** The members' ledgers: a line each, or one JSON object. */
+std::string format_stats(const Summary& summary, Format format);
 
 }  // namespace zel::transcribe

@@ -54,8 +54,7 @@ class Transcriber {
  private:
   struct Member {
     std::unique_ptr<MemberFeed> feed;
-    host::MemberRecord record;  // as last seen; final once the member is gone
-    std::vector<host::RoomText> texts;
+    host::MemberLedger ledger;  // as last seen; final once the member is gone
     bool leaving = false;
     bool gone = false;
   };
@@ -65,7 +64,8 @@ class Transcriber {
   void stop_if_interrupted();
   bool may_read(const MemberFeed& feed) const;
   bool feed_members();
-  void collect(Member& member);
+  void write(const host::RoomText& text);
+  void look_at(Member& member);
   void give_up_if_stuck();
   std::chrono::milliseconds pause() const;
   double audio_seconds() const;
@@ -83,14 +83,13 @@ Transcriber::Transcriber(const Options& options, std::vector<std::unique_ptr<Aud
     : realtime_(options.realtime),
       members_(options.members.size()),
       captions_(options.format),
-      room_(session.handle(),
-            {.text = [this](const host::RoomText& text) { member(text.member_id).texts.push_back(text); },
-             .left =
-                 [this](const host::MemberRecord& record) {
-                   member(record.member_id).record = record;
-                   member(record.member_id).gone = true;
-                   progress_ = Clock::now();
-                 }}) {
+      room_(session.handle(), {.text = [this](const host::RoomText& text) { write(text); },
+                               .left =
+                                   [this](const host::MemberLedger& ledger) {
+                                     member(ledger.member_id).ledger = ledger;
+                                     member(ledger.member_id).gone = true;
+                                     progress_ = Clock::now();
+                                   }}) {
   for (std::uint32_t i = 0; i < members_.size(); ++i) {
     const MemberOptions& who = options.members[i];
     members_[i].feed = std::make_unique<MemberFeed>(i + 1, who, std::move(sources[i]), options.bitrate);
@@ -111,7 +110,7 @@ void Transcriber::run() {
     const bool worked = feed_members();
     room_.pump();
     for (Member& each : members_)
-      collect(each);
+      look_at(each);
     captions_.show_progress(audio_seconds(), room_.waiting());
     give_up_if_stuck();
     if (!worked) std::this_thread::sleep_for(pause());
@@ -150,17 +149,16 @@ bool Transcriber::feed_members() {
   return worked;
 }
 
-// Writes the texts that the last pump gave.
-void Transcriber::collect(Member& member) {
-  const std::uint64_t posted = member.record.posted;
-  if (!member.gone) member.record = room_.record(member.feed->id());
-  if (member.record.posted != posted || !member.texts.empty()) progress_ = Clock::now();
-  const auto stretches = member.feed->resolve(member.texts.size(), member.record);
-  for (std::size_t i = 0; i < member.texts.size(); ++i) {
-    // Whoever read the output has gone; an exchange in flight would hold an orderly end up for seconds.
-    if (!captions_.write({member.texts[i], member.feed->language(), stretches[i]})) std::_Exit(kFailure);
-  }
-  member.texts.clear();
+void Transcriber::write(const host::RoomText& text) {
+  MemberFeed& feed = *member(text.member_id).feed;
+  // Whoever read the output has gone; an exchange in flight would hold an orderly end up for seconds.
+  if (!captions_.write({text, feed.language(), feed.take_stretch(text.utterance)})) std::_Exit(kFailure);
+}
+
+void Transcriber::look_at(Member& member) {
+  if (member.gone) return;
+  const std::uint64_t posted = std::exchange(member.ledger, room_.ledger(member.feed->id())).posted;
+  if (member.ledger.posted != posted) progress_ = Clock::now();
 }
 
 void Transcriber::give_up_if_stuck() {
@@ -187,7 +185,7 @@ Summary Transcriber::summary() const {
   Summary summary;
   for (const Member& each : members_) {
     const double seconds = static_cast<double>(each.feed->frames_read()) * kFrameSeconds;
-    summary.members.push_back({each.record, seconds, each.feed->error()});
+    summary.members.push_back({each.ledger, seconds, each.feed->error()});
   }
   summary.wall_seconds = std::chrono::duration<double>(Clock::now() - start_).count();
   summary.interrupted = interrupted != 0;
@@ -211,7 +209,7 @@ Summary run(const Options& options, std::vector<std::unique_ptr<AudioSource>> so
   std::optional<EmbeddedService> service;
   if (options.endpoint.empty()) service.emplace();
   watch_signals();
-  const FailureLog failures(options.verbose);
+  const FailureLog failures(options.verbose, service ? service->token() : options.token);
   const host::Library library;
   host::Session session(host::session_config(static_cast<std::uint32_t>(options.members.size())));
   Transcriber transcriber(options, std::move(sources), session);

@@ -167,19 +167,39 @@ TEST(Transcribe, UnusableArgumentsAreNamedBeforeAnythingIsSent) {
 TEST(Transcribe, FailuresAreCountedAndExplained) {
   Service service;
   service.answer(R"({"result":"error","error_code":"E\u001b7","error_message":"bad audio"})", 500);
-  const Output refused = run(service, {"alice=" + kSpeech, "alice=" + kSpeech});
+  const Output refused = run(service, {"alice=" + kSpeech, "alice=" + kSpeech, "--stats"});
   EXPECT_EQ(refused.status, 1);
   EXPECT_THAT(refused.out, IsEmpty());
   EXPECT_THAT(refused.err, HasSubstr("2 utterances posted, 0 answered, 2 failed"));
   EXPECT_THAT(refused.err, HasSubstr("2 x E2022110401:"));
   EXPECT_THAT(refused.err, HasSubstr("bad audio"));
+  EXPECT_THAT(
+      refused.err,
+      HasSubstr("ended=2 forced_pauses=0 dropped=0 too_short=0 posted=2 delivered=0 empty=0 failed=2 waiting=0"));
   EXPECT_THAT(refused.err, Not(HasSubstr("\x1b")));
 
-  const Output unreachable = speechd_test::RunProgram(
-      {ZEL_TRANSCRIBE, "--endpoint", "http://127.0.0.1:1/", "--token", kToken, "a=" + kSpeech, "-v"});
+  const Output unreachable = speechd_test::RunProgram({ZEL_TRANSCRIBE, "--endpoint", "http://127.0.0.1:1/", "--token",
+                                                       kToken, "a=" + kSpeech, "-v", "--stats", "--format", "jsonl"});
   EXPECT_EQ(unreachable.status, 1);
   EXPECT_THAT(unreachable.err, HasSubstr("because it is connection error"));
+  const auto stats = nlohmann::json::parse(unreachable.out).at("stats").at(0);
+  EXPECT_EQ(stats.at("member"), "a");
+  EXPECT_EQ(stats.at("failed"), 1);
+  EXPECT_EQ(stats.at("E2022110402"), 1);
   EXPECT_THAT(refused.err + unreachable.err, Not(HasSubstr(kToken)));
+}
+
+TEST(Transcribe, ATokenThatTheServiceEchoesIsNotPrinted) {
+  const std::string messages[] = {"Bearer " + kToken + "!", "Bearer \\u0061" + kToken.substr(1) + "!",
+                                  std::string(115, '.') + kToken};  // the last one is cut off at 127 bytes
+  Service service;
+  for (const std::string& message : messages) {
+    service.answer(R"({"result":"error","error_code":"no","error_message":")" + message + "\"}", 401);
+    const Output output = run(service, {"alice=" + kSpeech, "-v"});
+    EXPECT_EQ(output.status, 1);
+    EXPECT_THAT(output.err, HasSubstr("<token>"));
+    EXPECT_THAT(output.err, Not(HasSubstr(kToken.substr(1, 8)))) << message;
+  }
 }
 
 TEST(Transcribe, ASilentServiceHoldsTheAudioBackAndNothingIsLost) {

@@ -1,4 +1,4 @@
-// From audio to utterances: detector, cutter, encoder's sizes, and the ledger of answers.
+// From audio to utterances: detector, cutter and the encoder's sizes.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,7 +11,6 @@
 #include "member_feed.h"
 #include "recordings.h"
 #include "utterance_cutter.h"
-#include "utterance_ledger.h"
 #include "voice_detector.h"
 
 namespace zel::transcribe {
@@ -140,26 +139,6 @@ TEST(Utterances, EveryPacketHasThePromisedSize) {
       ASSERT_EQ(encoder.encode(frame, packet), packet_size(bitrate)) << bitrate;
     EXPECT_LT(max_stream_size(longest_utterance(bitrate), packet_size(bitrate)), 73'728U) << bitrate;
   }
-}
-
-TEST(Utterances, TheLedgerKnowsWhichOneHadTheText) {
-  UtteranceLedger ledger;
-  for (double begin = 0; begin < 8; ++begin)
-    ledger.stored({begin, begin + 0.5});
-  const auto begins = [&](std::size_t texts, std::uint64_t answered) {
-    std::vector<double> result;
-    for (const auto& stretch : ledger.resolve(texts, answered))
-      result.push_back(stretch ? stretch->begin : -1);
-    return result;
-  };
-  using testing::ElementsAre;
-  EXPECT_THAT(begins(1, 1), ElementsAre(0));
-  EXPECT_THAT(begins(0, 1), ElementsAre());
-  EXPECT_THAT(begins(0, 3), ElementsAre());      // two without a text
-  EXPECT_THAT(begins(2, 5), ElementsAre(3, 4));  // two at once, both with
-  EXPECT_THAT(begins(1, 7), ElementsAre(-1));    // one of two
-  EXPECT_THAT(begins(1, 8), ElementsAre(7));
-  EXPECT_THAT(begins(1, 9), ElementsAre(-1));  // one that nobody knows of
 }
 
 }  // namespace
