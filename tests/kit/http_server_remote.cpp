@@ -80,10 +80,10 @@ void TrustTestAuthority() {
   const std::string certificate = Control().Ask({"authority"}).at(0);
   const HCERTSTORE store =
       CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, static_cast<const void*>(L"Root"));
-  const bool added = store != nullptr &&
-                     CertAddEncodedCertificateToStore(
-                         store, X509_ASN_ENCODING, reinterpret_cast<const BYTE*>(certificate.data()),
-                         static_cast<DWORD>(certificate.size()), CERT_STORE_ADD_USE_EXISTING, nullptr) != FALSE;
+  const bool added =
+      store != nullptr && CertAddEncodedCertificateToStore(
+                              store, X509_ASN_ENCODING, reinterpret_cast<const BYTE*>(certificate.data()),
+                              static_cast<DWORD>(certificate.size()), CERT_STORE_ADD_USE_EXISTING, nullptr) != FALSE;
   if (store != nullptr) CertCloseStore(store, 0);
   if (!added) throw std::runtime_error("the test authority is not trusted");
 }
