@@ -81,3 +81,15 @@ function(zel_module_test target)
     target_include_directories(${target} PRIVATE $<TARGET_PROPERTY:${module},INTERFACE_INCLUDE_DIRECTORIES>)
   endforeach()
 endfunction()
+
+# A Google Benchmark program, part of the target benchmarks; it sees the plug-in's folders as a module test does.
+function(zel_benchmark target)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;DEPENDS;MODULES")
+  zel_program(${target} NAME ${target} SOURCES ${arg_SOURCES}
+    DEPENDS ${arg_DEPENDS} zel_plugin_archive zel_include benchmark::benchmark)
+  foreach(module IN LISTS arg_MODULES)
+    target_include_directories(${target} PRIVATE $<TARGET_PROPERTY:${module},INTERFACE_INCLUDE_DIRECTORIES>)
+  endforeach()
+  set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bench)
+  add_dependencies(benchmarks ${target})
+endfunction()
