@@ -1,5 +1,6 @@
 #include "trust_store.h"
 
+#include <errno.h>
 #include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -9,14 +10,10 @@
 
 namespace {
 
-struct TrustState {
-  X509_STORE* store;  // never released: handshakes may run until the process ends
-  bool shared;        // libcurl's TLS library is this OpenSSL
-};
-
-TrustState trust;
+X509_STORE* trusted;     // atomic; never released: handshakes may run until the process ends
+bool is_backend_shared;  // libcurl's TLS library is this OpenSSL
 pthread_once_t backend_once = PTHREAD_ONCE_INIT;
-pthread_once_t store_once = PTHREAD_ONCE_INIT;
+pthread_mutex_t loading = PTHREAD_MUTEX_INITIALIZER;
 
 // OpenSSL's variables, otherwise what libcurl was built with. Either may be null.
 const char* BundleFile() {
@@ -33,29 +30,56 @@ const char* BundleFolder() {
 void CompareBackend() {
   const char* backend = curl_version_info(CURLVERSION_NOW)->ssl_version;
   constexpr char kName[] = "OpenSSL/";
-  trust.shared = backend != nullptr && strncmp(backend, kName, sizeof kName - 1) == 0 &&
-                 strcmp(backend + sizeof kName - 1, OpenSSL_version(OPENSSL_VERSION_STRING)) == 0;
+  is_backend_shared = backend != nullptr && strncmp(backend, kName, sizeof kName - 1) == 0 &&
+                      strcmp(backend + sizeof kName - 1, OpenSSL_version(OPENSSL_VERSION_STRING)) == 0;
 }
 
-// Whatever cannot be read is left out; without certificates no server is trusted.
-void LoadStore() {
-  X509_STORE* store = X509_STORE_new();
-  if (store == nullptr) return;
-  const char* file = BundleFile();
-  const char* folder = BundleFolder();
-  if (file != nullptr) X509_STORE_load_locations(store, file, nullptr);
-  if (folder != nullptr) X509_STORE_load_locations(store, nullptr, folder);
-  // As libcurl sets up its own.
-  X509_STORE_set_flags(store, X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
+// Adds a file's or a folder's certificates. What is missing or no certificate is left out; false only when memory or
+// descriptors ran short, which may be over soon. A shortage may leave no trace but the failure, or a trace but none.
+bool Add(X509_STORE* store, const char* file, const char* folder) {
+  if (file == nullptr && folder == nullptr) return true;
   ERR_clear_error();
-  trust.store = store;
+  bool ok = X509_STORE_load_locations(store, file, folder) == 1 || ERR_peek_error() != 0;
+  for (unsigned long error; (error = ERR_get_error()) != 0;) {
+    const int reason = ERR_GET_REASON(error);
+    const bool system = ERR_GET_LIB(error) == ERR_LIB_SYS;
+    if (system ? reason == EMFILE || reason == ENFILE || reason == ENOMEM : reason == ERR_R_MALLOC_FAILURE) ok = false;
+  }
+  return ok;
+}
+
+// Null on a shortage. Without certificates no server is trusted.
+X509_STORE* LoadStore() {
+  X509_STORE* store = X509_STORE_new();
+  if (store == nullptr) return nullptr;
+  // The flags are those that libcurl gives its own.
+  if (Add(store, BundleFile(), nullptr) && Add(store, nullptr, BundleFolder()) &&
+      X509_STORE_set_flags(store, X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN) == 1) {
+    return store;
+  }
+  X509_STORE_free(store);
+  return nullptr;
+}
+
+// The shared certificates; null on a shortage: the next handshake tries again.
+X509_STORE* GetStore() {
+  X509_STORE* store = __atomic_load_n(&trusted, __ATOMIC_ACQUIRE);
+  if (store != nullptr) return store;
+  pthread_mutex_lock(&loading);
+  store = trusted;
+  if (store == nullptr) {
+    store = LoadStore();
+    __atomic_store_n(&trusted, store, __ATOMIC_RELEASE);
+  }
+  pthread_mutex_unlock(&loading);
+  return store;
 }
 
 CURLcode PrepareContext(CURL*, void* context, void*) {
-  pthread_once(&store_once, LoadStore);
+  X509_STORE* store = GetStore();
+  if (store == nullptr) return CURLE_OUT_OF_MEMORY;
   SSL_CTX* ssl = static_cast<SSL_CTX*>(context);
-  if (trust.store == nullptr) return CURLE_OUT_OF_MEMORY;
-  SSL_CTX_set1_cert_store(ssl, trust.store);
+  SSL_CTX_set1_cert_store(ssl, store);
 #ifdef SSL_OP_IGNORE_UNEXPECTED_EOF
   // Many servers end a connection without saying so; lengths tell whether a body is whole.
   SSL_CTX_set_options(ssl, SSL_OP_IGNORE_UNEXPECTED_EOF);
@@ -74,9 +98,15 @@ bool UseShared(CURL* easy) {
 bool UseOwnOfLibrary(CURL* easy) {
   const char* file = BundleFile();
   const char* folder = BundleFolder();
-  if (file != nullptr && curl_easy_setopt(easy, CURLOPT_CAINFO, file) != CURLE_OK) return false;
+  constexpr CURLoption kFiles[] = {CURLOPT_CAINFO, CURLOPT_PROXY_CAINFO};
+  constexpr CURLoption kFolders[] = {CURLOPT_CAPATH, CURLOPT_PROXY_CAPATH};
+  for (const CURLoption option : kFiles) {
+    if (file != nullptr && curl_easy_setopt(easy, option, file) != CURLE_OK) return false;
+  }
   // Not every TLS library takes a folder; the file is enough then.
-  if (folder != nullptr) curl_easy_setopt(easy, CURLOPT_CAPATH, folder);
+  for (const CURLoption option : kFolders) {
+    if (folder != nullptr) curl_easy_setopt(easy, option, folder);
+  }
   return true;
 }
 
@@ -84,11 +114,13 @@ bool UseOwnOfLibrary(CURL* easy) {
 
 bool zelHttpTrustStore_Use(CURL* easy) {
   pthread_once(&backend_once, CompareBackend);
+  constexpr long kVersion = CURL_SSLVERSION_TLSv1_2;
   if (curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L) != CURLE_OK ||
       curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L) != CURLE_OK ||
       curl_easy_setopt(easy, CURLOPT_SSL_SESSIONID_CACHE, 0L) != CURLE_OK ||
-      curl_easy_setopt(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2)) != CURLE_OK) {
+      curl_easy_setopt(easy, CURLOPT_SSLVERSION, kVersion) != CURLE_OK ||
+      curl_easy_setopt(easy, CURLOPT_PROXY_SSLVERSION, kVersion) != CURLE_OK) {
     return false;
   }
-  return trust.shared ? UseShared(easy) : UseOwnOfLibrary(easy);
+  return is_backend_shared ? UseShared(easy) : UseOwnOfLibrary(easy);
 }

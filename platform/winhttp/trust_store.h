@@ -1,5 +1,6 @@
 // The certificates that servers are verified against. Loading them costs tens of milliseconds of CPU: they are loaded
-// by the first TLS handshake of the process and shared, read-only, by all later ones.
+// by the first TLS handshake of the process and shared, read-only, by all later ones. A handshake that meets a shortage
+// of memory or descriptors on the way fails, and the next one loads them.
 #pragma once
 
 #include <curl/curl.h>
