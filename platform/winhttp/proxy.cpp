@@ -8,6 +8,7 @@
 namespace {
 
 constexpr char kSeparators[] = "; \t\r\n";
+constexpr char kBlanks[] = " \t\r\n";
 
 // Value of a variable, null when unset or empty.
 const char* Variable(const char* name, const char* other_name) {
@@ -16,12 +17,26 @@ const char* Variable(const char* name, const char* other_name) {
   return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
+// A proxy without the blanks around it. Inside, separators and bytes above 127 become %XX: the same in user name and
+// password, and nothing that resolves in a host, so that a malformed proxy fails the exchange and is never gone past.
 void AppendEntry(TextBuffer* list, const char* scheme, const char* proxy) {
-  // A separator inside would make two entries of it.
-  if (proxy == nullptr || strpbrk(proxy, kSeparators) != nullptr) return;
+  if (proxy == nullptr) return;
+  proxy += strspn(proxy, kBlanks);
+  size_t size = strlen(proxy);
+  while (size > 0 && strchr(kBlanks, proxy[size - 1]) != nullptr)
+    --size;
+  if (size == 0) return;
   if (list->size > 0) zelHttpText_AppendString(list, ";");
   zelHttpText_AppendString(list, scheme);
-  zelHttpText_AppendString(list, proxy);
+  for (const char* end = proxy + size; proxy < end; ++proxy) {
+    const unsigned byte = static_cast<unsigned char>(*proxy);
+    if (byte < 0x80 && strchr(kSeparators, *proxy) == nullptr) {
+      zelHttpText_Append(list, proxy, 1);
+    } else {
+      const char escaped[] = {'%', "0123456789ABCDEF"[byte >> 4], "0123456789ABCDEF"[byte & 15]};
+      zelHttpText_Append(list, escaped, sizeof escaped);
+    }
+  }
 }
 
 // Two colons at least: one may stand in front of a port.
