@@ -86,7 +86,7 @@ DWORD zelHttpError_FromFailure(const TransferFailure* failure) {
     case CURLE_OUT_OF_MEMORY:  // also libcurl's limit on one header line
       return failure->phase == TRANSFER_RECEIVE && !failure->head_complete ? ERROR_WINHTTP_HEADER_SIZE_OVERFLOW
                                                                            : ERROR_NOT_ENOUGH_MEMORY;
-    default:
-      return ERROR_WINHTTP_INTERNAL_ERROR;
+    default:  // behind the request: whatever libcurl did not like about the answer
+      return failure->phase == TRANSFER_RECEIVE ? ERROR_WINHTTP_INVALID_SERVER_RESPONSE : ERROR_WINHTTP_INTERNAL_ERROR;
   }
 }

@@ -22,7 +22,11 @@ char keep_alive[] = "Connection: Keep-Alive";
 char no_accept[] = "Accept:";
 char no_content_type[] = "Content-Type:";
 char no_expect[] = "Expect:";
-curl_slist no_defaults[] = {{no_accept, &no_defaults[1]}, {no_content_type, &no_defaults[2]}, {no_expect, nullptr}};
+char no_proxy_connection[] = "Proxy-Connection:";
+curl_slist no_defaults[] = {{no_accept, &no_defaults[1]},
+                            {no_content_type, &no_defaults[2]},
+                            {no_expect, &no_defaults[3]},
+                            {no_proxy_connection, nullptr}};
 curl_slist keep_alive_and_no_defaults = {keep_alive, no_defaults};
 
 bool IsToken(wchar_t unit) {
@@ -71,7 +75,7 @@ DWORD zelHttpHeaderList_Add(HeaderList* list, const wchar_t* line, size_t length
   while (key_length < length && IsToken(line[key_length]))
     ++key_length;
   for (size_t i = key_length; i < length; ++i) {
-    if (line[i] == L'\r' || line[i] == L'\n') return ERROR_INVALID_PARAMETER;
+    if (line[i] == L'\r' || line[i] == L'\n' || line[i] == L'\0') return ERROR_INVALID_PARAMETER;
   }
   if (key_length == 0 || key_length == length || line[key_length] != L':') return ERROR_WINHTTP_INVALID_HEADER;
   size_t value = key_length + 1;

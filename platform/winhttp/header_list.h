@@ -14,7 +14,7 @@ struct HeaderList {
 };
 
 // Adds "Key:Value" of `length` units, leading blanks of the value dropped: 0, ERROR_WINHTTP_INVALID_HEADER for a key
-// that is no token, ERROR_INVALID_PARAMETER for CR or LF, ERROR_NOT_ENOUGH_MEMORY.
+// that is no token, ERROR_INVALID_PARAMETER for CR, LF or NUL, ERROR_NOT_ENOUGH_MEMORY.
 DWORD zelHttpHeaderList_Add(HeaderList* list, const wchar_t* line, size_t length);
 
 // Removes every header with this key, whatever its case.

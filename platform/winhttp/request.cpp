@@ -229,7 +229,6 @@ void zelHttpEndpoint_Free(Endpoint* endpoint) {
 }
 
 DWORD zelHttpRequest_Send(Request* request) {
-  if (request->state != REQUEST_OPEN) return ERROR_WINHTTP_INCORRECT_HANDLE_STATE;
   // The credentials take the place of the caller's own header.
   if (request->user != nullptr) zelHttpHeaderList_Remove(&request->headers, "Authorization");
   DWORD error = request->transfer.easy == nullptr ? zelHttpTransfer_Open(&request->transfer) : 0;

@@ -12,6 +12,7 @@ namespace {
 
 constexpr size_t kMaxHeadSize = 65536;
 constexpr long kReceiveBufferSize = 8192;
+constexpr int kConnectPollMilliseconds = 500;
 constexpr int64_t kNanosecondsPerMillisecond = 1000000;
 
 int64_t Now() {
@@ -46,6 +47,15 @@ long GetLong(CURL* easy, CURLINFO info) {
   long value = 0;
   curl_easy_getinfo(easy, info, &value);
   return value;
+}
+
+// libcurl gives the first of several addresses half of what is left for connecting, so it must know when that ends: as
+// long as the name is being resolved, the phase's whole limit from now on. Our own deadline is the earlier one.
+bool GrantConnectTime(Transfer* transfer) {
+  const int limit = transfer->limits.milliseconds[TRANSFER_CONNECT];
+  const int64_t elapsed = (Now() - transfer->start) / kNanosecondsPerMillisecond + 1;
+  const long budget = limit > 0 && limit < INT_MAX - elapsed ? static_cast<long>(limit + elapsed) : INT_MAX;
+  return curl_easy_setopt(transfer->easy, CURLOPT_CONNECTTIMEOUT_MS, budget) == CURLE_OK;
 }
 
 // The name is resolved. The socket stays out of programs that the process starts.
@@ -96,6 +106,10 @@ size_t OnHeaderLine(char* line, size_t, size_t size, void* user) {
 
 size_t OnBody(char* bytes, size_t, size_t size, void* user) {
   Transfer* transfer = static_cast<Transfer*>(user);
+  if (!transfer->head_complete) {  // libcurl and OnHeaderLine disagree about where a malformed head ends
+    transfer->callback_error = ERROR_WINHTTP_INVALID_SERVER_RESPONSE;
+    return 0;
+  }
   if (size > kTransferQueueCapacity - transfer->queue.size) {
     transfer->paused = true;
     return CURL_WRITEFUNC_PAUSE;
@@ -131,13 +145,16 @@ void NoticeSent(Transfer* transfer) {
 // Waits for an event, unless there is something to do at once, and lets libcurl deal with it.
 void Step(Transfer* transfer) {
   if (transfer->idle) {
-    const int wait = Remaining(transfer);
+    int wait = Remaining(transfer);
     if (wait == 0) return End(transfer, ERROR_WINHTTP_TIMEOUT);
+    // No event tells that it is another address's turn.
+    if (transfer->phase == TRANSFER_CONNECT && wait > kConnectPollMilliseconds) wait = kConnectPollMilliseconds;
     if (curl_multi_poll(transfer->multi, nullptr, 0, wait, nullptr) != CURLM_OK) {
       return End(transfer, ERROR_WINHTTP_INTERNAL_ERROR);
     }
   }
   transfer->idle = true;
+  if (transfer->phase == TRANSFER_RESOLVE) GrantConnectTime(transfer);
   int running = 0;
   if (curl_multi_perform(transfer->multi, &running) != CURLM_OK) return End(transfer, ERROR_WINHTTP_INTERNAL_ERROR);
   NoticeSent(transfer);
@@ -194,7 +211,6 @@ bool SetOptions(Transfer* transfer) {
   set(CURLOPT_FORBID_REUSE, 1L);
   set(CURLOPT_EXPECT_100_TIMEOUT_MS, 1L);
   set(CURLOPT_BUFFERSIZE, kReceiveBufferSize);
-  set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(INT_MAX));  // the phases' deadlines decide
   set(CURLOPT_ERRORBUFFER, transfer->message);
   set(CURLOPT_OPENSOCKETFUNCTION, OnSocket);
   set(CURLOPT_OPENSOCKETDATA, transfer);
@@ -247,6 +263,7 @@ DWORD zelHttpTransfer_Start(Transfer* transfer, const TransferLimits* limits, ui
   transfer->head_ended = transfer->head_complete = false;
   transfer->queue_begin = transfer->queue.size = 0;
   BeginPhase(transfer, TRANSFER_RESOLVE);
+  transfer->start = Now();
   if (curl_multi_add_handle(transfer->multi, transfer->easy) != CURLM_OK) return ERROR_NOT_ENOUGH_MEMORY;
   transfer->started = true;
   return 0;

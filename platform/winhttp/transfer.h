@@ -30,6 +30,7 @@ struct Transfer {
   TransferLimits limits;
   TransferPhase phase;
   int64_t deadline;      // of the phase, in nanoseconds of the monotonic clock
+  int64_t start;         // of the round, likewise
   uint64_t body_size;    // of the request
   bool secure;           // TLS may write at any time
   long tunnel_size;      // bytes of request that went to a proxy alone

@@ -35,8 +35,8 @@ struct RequestHandle {
 };
 
 thread_local DWORD last_error;
-pthread_once_t library_once = PTHREAD_ONCE_INIT;
-CURLcode library_result;
+pthread_mutex_t library_lock = PTHREAD_MUTEX_INITIALIZER;
+bool is_library_ready;  // atomic
 
 BOOL Result(DWORD error) {
   if (error != 0) last_error = error;
@@ -75,9 +75,17 @@ void KeepLibraryLoaded() {
   dlopen(info.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE);
 }
 
-void InitializeLibrary() {
-  library_result = curl_global_init(CURL_GLOBAL_DEFAULT);
-  KeepLibraryLoaded();
+// After a failure, memory having run out, the next call tries again.
+bool PrepareLibrary() {
+  if (__atomic_load_n(&is_library_ready, __ATOMIC_ACQUIRE)) return true;
+  pthread_mutex_lock(&library_lock);
+  if (!is_library_ready && curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK) {
+    KeepLibraryLoaded();
+    __atomic_store_n(&is_library_ready, true, __ATOMIC_RELEASE);
+  }
+  const bool ready = is_library_ready;
+  pthread_mutex_unlock(&library_lock);
+  return ready;
 }
 
 char* Copy(LPCWSTR text) {
@@ -181,8 +189,7 @@ BOOL WinHttpCrackUrl(LPCWSTR url, DWORD length, DWORD flags, URL_COMPONENTS* com
 }
 
 BOOL WinHttpCheckPlatform(void) {
-  pthread_once(&library_once, InitializeLibrary);
-  return Result(library_result == CURLE_OK ? 0 : ERROR_WINHTTP_INTERNAL_ERROR);
+  return Result(PrepareLibrary() ? 0 : ERROR_WINHTTP_INTERNAL_ERROR);
 }
 
 BOOL WinHttpGetIEProxyConfigForCurrentUser(WINHTTP_CURRENT_USER_IE_PROXY_CONFIG* config) {
@@ -266,7 +273,7 @@ BOOL WinHttpAddRequestHeaders(HINTERNET handle, LPCWSTR header, DWORD length, DW
   if (record == nullptr) return FALSE;
   if (header == nullptr || length == 0 || modifiers != WINHTTP_ADDREQ_FLAG_ADD) return Result(ERROR_INVALID_PARAMETER);
   if (record->request.state != REQUEST_OPEN) return Result(ERROR_WINHTTP_INCORRECT_HANDLE_STATE);
-  const size_t size = length == static_cast<DWORD>(-1) ? wcslen(header) : wcsnlen(header, length);
+  const size_t size = length == static_cast<DWORD>(-1) ? wcslen(header) : length;
   return Result(zelHttpHeaderList_Add(&record->request.headers, header, size));
 }
 
@@ -293,6 +300,7 @@ BOOL WinHttpSendRequest(HINTERNET handle, LPCWSTR headers, DWORD headers_length,
   if (headers != nullptr || headers_length != 0 || total != size || (body == nullptr && size != 0)) {
     return Result(ERROR_INVALID_PARAMETER);
   }
+  if (record->request.state != REQUEST_OPEN) return Result(ERROR_WINHTTP_INCORRECT_HANDLE_STATE);
   record->request.body = body;
   record->request.body_size = size;
   return Result(zelHttpRequest_Send(&record->request));

@@ -5,9 +5,8 @@
 //  1. A call returns FALSE, or null for a handle, after a failure; GetLastError then tells the number.
 //  2. A handle belongs to one thread at a time. Different exchanges may run on different threads at once.
 //  3. Handles are closed children first: request, connection, session. A parent outlives its children.
-//  4. Text given to a call is copied. A code unit 0x80..0xFF of a URL stands for that one byte; everywhere else it
-//  leaves
-//     as UTF-8.
+//  4. Text given to a call is copied. A code unit 0x80..0xFF of a URL stands for that one byte; everywhere else
+//     it leaves as UTF-8.
 //  5. Only what the signatures' comments name is supported; other options fail with ERROR_INVALID_PARAMETER.
 //
 // What an exchange does: one connection, never reused; HTTP/1.1; TLS 1.2 or later with certificate and host name always
@@ -124,7 +123,7 @@ BOOL WinHttpGetIEProxyConfigForCurrentUser(WINHTTP_CURRENT_USER_IE_PROXY_CONFIG*
 // bypass list: host names, "*.suffix" and "<local>", separated likewise. DEFAULT_PROXY: the user's, as above. Flags: 0.
 HINTERNET WinHttpOpen(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR proxy_bypass, DWORD flags);
 
-// Milliseconds of each phase of the session's later requests; 0 and -1: unlimited. Without this call: unlimited, 60000,
+// Milliseconds of each phase of what the session's requests send from now on; 0 and -1: unlimited. Without this call: unlimited, 60000,
 // 30000 and 30000.
 BOOL WinHttpSetTimeouts(HINTERNET session, int resolve, int connect, int send, int receive);
 
