@@ -81,7 +81,7 @@ std::int32_t WriteHeaderPage(OggFormatter* formatter, std::uint8_t* data, std::i
 }
 
 void SubmitHeldPacket(OggFormatter* formatter, bool last) {
-  formatter->granule_position += std::int64_t{kOggRate / formatter->sampling_rate} * formatter->held_duration;
+  formatter->granule_position += std::int64_t{formatter->granules_per_sample} * formatter->held_duration;
   ogg_packet packet;
   packet.packet = formatter->held_data;
   packet.bytes = formatter->held_size;
@@ -131,6 +131,7 @@ OggFormatter* zelContainerFormatterOgg_Create(const ZelContainerFormatterOggConf
   if (!carved) return nullptr;
 
   formatter->sampling_rate = config->sampling_rate;
+  formatter->granules_per_sample = kOggRate / config->sampling_rate;
   formatter->holding_capacity = config->max_buffer_size_per_write;
   BuildHeaderPackets(formatter);
   return formatter;

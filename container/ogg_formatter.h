@@ -39,6 +39,8 @@ struct OggFormatter {
   std::int32_t holding_capacity;  // bytes of held_data
   std::int32_t held;              // 1 while a packet is held back
   std::int32_t total_written;     // bytes of all pages copied out since the stream began
+  // Private from here on.
+  std::int32_t granules_per_sample;  // whole 48 kHz samples; kept because a packet should not pay for a division
 };
 
 // Bytes of work memory.
