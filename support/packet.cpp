@@ -23,13 +23,6 @@ int32_t Add(SttPacket* packet, uint32_t flag, uint64_t value, const char* duplic
 
 }  // namespace
 
-void zelSttPacket_Reset(SttPacket* packet) {
-  packet->field_mask = 0;
-  packet->slot_marks = 0;
-  for (uint32_t& flag : packet->field_flags)
-    flag = 0;
-}
-
 int32_t zelSttPacket_AddField(SttPacket* packet, uint32_t flag, uint64_t value) {
   return Add(packet, flag, value, "E2022042122") >= 0 ? 1 : 0;
 }

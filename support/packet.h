@@ -7,7 +7,12 @@
 #include "zel_rtc_speech_to_text_host.h"
 
 // Empties the packet: mask, marks and flags become 0, values and callback stay.
-void zelSttPacket_Reset(SttPacket* packet);
+inline void zelSttPacket_Reset(SttPacket* packet) {
+  packet->field_mask = 0;
+  packet->slot_marks = 0;
+  for (uint32_t& flag : packet->field_flags)
+    flag = 0;
+}
 
 // 1 when stored; 0 when the flag is there already or is 0 (reported with code -2: E2022042122, for pointers
 // E2021100500), or when nine other flags are (no report).

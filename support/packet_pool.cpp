@@ -11,7 +11,7 @@ constexpr uint32_t kAlignment = 8;
 // Brings a packet back when its envelope has lost its last reference.
 void ReturnPacket(void* context, PacketRef* ref) {
   auto* pool = static_cast<SttPacketPool*>(context);
-  SttPacket* packet = zelPacketRef_GetPacket(ref);
+  SttPacket* packet = ref->payload;
   if (pool->mutex != nullptr) zelMutex_Lock(pool->mutex);
   if (packet->release_callback != nullptr) packet->release_callback(packet->release_context, ref);
   zelPtrStack_Push(&pool->free_packets, packet);
@@ -79,7 +79,7 @@ void zelSttPacketPool_SetMutex(SttPacketPool* pool, void* mutex) {
 
 PacketRef* zelSttPacketPool_Allocate(SttPacketPool* pool, PacketReleaseCallback callback, void* context) {
   if (pool == nullptr || zelPtrStack_GetCount(&pool->free_packets) == 0) return nullptr;
-  if (zelPacketRefPool_GetFreeCount(pool->envelopes) < 1) return nullptr;
+  if (zelPtrQueue_IsEmpty(pool->envelopes)) return nullptr;
   auto* packet = static_cast<SttPacket*>(zelPtrStack_Pop(&pool->free_packets));
   zelSttPacket_Reset(packet);
   packet->release_callback = callback;

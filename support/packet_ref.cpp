@@ -1,7 +1,6 @@
 #include "packet_ref.h"
 
 #include "bridge.h"
-#include "ptr_queue.h"
 
 namespace {
 
@@ -27,15 +26,6 @@ PacketRefPool* zelPacketRefPool_Create(uint32_t capacity, void* work, int32_t wo
     zelPtrQueue_Append(pool, &refs[i]);
   }
   return pool;
-}
-
-PacketRef* zelPacketRefPool_Take(PacketRefPool* pool, SttPacket* payload, uint32_t user_value, uint64_t user_word,
-                                 PacketReleaseCallback release_callback, void* release_context) {
-  if (pool == nullptr || payload == nullptr) return nullptr;
-  auto* ref = static_cast<PacketRef*>(zelPtrQueue_Take(pool));
-  if (ref == nullptr) return nullptr;
-  *ref = {payload, user_word, user_value, 1, pool, release_callback, release_context};
-  return ref;
 }
 
 uint32_t zelPacketRefPool_GetFreeCount(const PacketRefPool* pool) {

@@ -2,6 +2,7 @@
 // shared with the host. No locks. Refused arguments are reported with code -2 under the identifier given here.
 #pragma once
 
+#include "ptr_queue.h"
 #include "zel_rtc_speech_to_text_host.h"
 
 // A pool is a PtrQueue created together with its PacketRef records, holding the free ones.
@@ -14,8 +15,15 @@ int32_t zelPacketRefPool_CalculateWorkSize(uint32_t capacity);
 PacketRefPool* zelPacketRefPool_Create(uint32_t capacity, void* work, int32_t work_size);
 
 // A PacketRef with one reference, or null, without a report, when pool or payload is null or none is free.
-PacketRef* zelPacketRefPool_Take(PacketRefPool* pool, SttPacket* payload, uint32_t user_value, uint64_t user_word,
-                                 PacketReleaseCallback release_callback, void* release_context);
+inline PacketRef* zelPacketRefPool_Take(PacketRefPool* pool, SttPacket* payload, uint32_t user_value,
+                                        uint64_t user_word, PacketReleaseCallback release_callback,
+                                        void* release_context) {
+  if (pool == nullptr || payload == nullptr) return nullptr;
+  auto* ref = static_cast<PacketRef*>(zelPtrQueue_Take(pool));
+  if (ref == nullptr) return nullptr;
+  *ref = {payload, user_word, user_value, 1, pool, release_callback, release_context};
+  return ref;
+}
 
 // Free PacketRefs; 0 for a null pool (E2021100513).
 uint32_t zelPacketRefPool_GetFreeCount(const PacketRefPool* pool);

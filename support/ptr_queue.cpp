@@ -35,24 +35,6 @@ PtrQueue* zelPtrQueue_Create(uint32_t capacity, void* work, int32_t work_size) {
   return zelPtrQueue_Build(capacity, 0, zelPtrQueue_CalculateWorkSize(capacity), work, work_size);
 }
 
-uint32_t zelPtrQueue_Append(PtrQueue* queue, void* pointer) {
-  if (queue->read_index - queue->write_index + queue->capacity == 0) return 0;
-  queue->items[queue->write_index % queue->capacity] = pointer;
-  queue->write_index += 1;
-  return 1;
-}
-
-void* zelPtrQueue_Take(PtrQueue* queue) {
-  if (queue->write_index == queue->read_index) return nullptr;
-  void* pointer = queue->items[queue->read_index];
-  queue->read_index += 1;
-  if (queue->read_index == queue->capacity) {
-    queue->read_index -= queue->capacity;
-    queue->write_index -= queue->capacity;
-  }
-  return pointer;
-}
-
 uint32_t zelPtrQueue_Push(PtrQueue* queue, void* pointer) {
   if (queue == nullptr || pointer == nullptr) {
     zelErr_NotifyInvalidParameter("E2021100516");

@@ -33,6 +33,27 @@ uint32_t zelPtrQueue_ReleaseAll(PtrQueue* queue);
 // fit.
 PtrQueue* zelPtrQueue_Build(uint32_t capacity, uint32_t record_bytes, int32_t required, void* work, int32_t work_size);
 
-// Push and pop without checks of the arguments.
-uint32_t zelPtrQueue_Append(PtrQueue* queue, void* pointer);
-void* zelPtrQueue_Take(PtrQueue* queue);
+// Push, look and pop without checks of the arguments. Inline, because calls cost more than what they would do.
+inline uint32_t zelPtrQueue_Append(PtrQueue* queue, void* pointer) {
+  const uint32_t at = queue->write_index;
+  if (at - queue->read_index == queue->capacity) return 0;
+  // Below twice the capacity: a division would give no more.
+  queue->items[at < queue->capacity ? at : at - queue->capacity] = pointer;
+  queue->write_index = at + 1;
+  return 1;
+}
+
+inline bool zelPtrQueue_IsEmpty(const PtrQueue* queue) {
+  return queue->write_index == queue->read_index;
+}
+
+inline void* zelPtrQueue_Take(PtrQueue* queue) {
+  if (zelPtrQueue_IsEmpty(queue)) return nullptr;
+  void* pointer = queue->items[queue->read_index];
+  queue->read_index += 1;
+  if (queue->read_index == queue->capacity) {
+    queue->read_index -= queue->capacity;
+    queue->write_index -= queue->capacity;
+  }
+  return pointer;
+}

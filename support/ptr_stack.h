@@ -1,4 +1,5 @@
-// A bounded last-in-first-out stack of pointers over the caller's array. No locks, no messages.
+// A bounded last-in-first-out stack of pointers over the caller's array. No locks, no messages. Inline, because calls
+// cost more than what they would do.
 #pragma once
 
 #include <cstdint>
@@ -9,15 +10,25 @@ struct PtrStack {
   std::uint32_t count;
 };
 
-void zelPtrStack_Init(PtrStack* stack, void** items, std::uint32_t capacity);
+inline void zelPtrStack_Init(PtrStack* stack, void** items, std::uint32_t capacity) {
+  *stack = {items, capacity, 0};
+}
 
 // 1; 0 when the pointer is null or the stack is full.
-std::uint32_t zelPtrStack_Push(PtrStack* stack, void* pointer);
+inline std::uint32_t zelPtrStack_Push(PtrStack* stack, void* pointer) {
+  if (pointer == nullptr || stack->count >= stack->capacity) return 0;
+  stack->items[stack->count++] = pointer;
+  return 1;
+}
 
 // The top pointer, or null when empty.
-void* zelPtrStack_Pop(PtrStack* stack);
+inline void* zelPtrStack_Pop(PtrStack* stack) {
+  return stack->count == 0 ? nullptr : stack->items[--stack->count];
+}
 
-std::uint32_t zelPtrStack_GetCount(const PtrStack* stack);
+inline std::uint32_t zelPtrStack_GetCount(const PtrStack* stack) {
+  return stack->count;
+}
 
 // Nothing to release.
-void zelPtrStack_Destroy(PtrStack* stack);
+inline void zelPtrStack_Destroy(PtrStack*) {}
