@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 inline constexpr std::size_t kJsonArenaSize = 389120;
 inline constexpr std::size_t kJsonScratchSize = 163840;
@@ -31,8 +32,9 @@ struct JsonReader {
   alignas(8) std::uint8_t scratch[kJsonScratchSize];  // children of the containers that are open
   std::uint8_t* arena_top;
   std::uint8_t* scratch_top;
-  char* cursor;          // next unread character
+  char* cursor;          // behind the top-level value; null when the last parse failed
   const JsonNode* root;  // null when the last parse failed
+  char* end;             // the terminator of the text
 };
 
 // Parses the NUL-terminated `text` (null counts as empty) and keeps its root; returns the reader whether or not that
@@ -41,9 +43,14 @@ struct JsonReader {
 // member value of no known class; other errors are silent.
 JsonReader* zelJsonReader_Open(JsonReader* reader, char* text);
 
+// GetString for a key of `key_length` bytes.
+const char* zelJsonReader_Find(JsonReader* reader, const char* key, std::size_t key_length, const char* fallback);
+
 // The raw text of the top-level member `key` (compared with the raw key text, the first of several wins),
 // NUL-terminated in place. `fallback` when there is no such member or its value is a container.
-const char* zelJsonReader_GetString(JsonReader* reader, const char* key, const char* fallback);
+inline const char* zelJsonReader_GetString(JsonReader* reader, const char* key, const char* fallback) {
+  return zelJsonReader_Find(reader, key, std::strlen(key), fallback);  // inline: the length of a literal costs nothing
+}
 
 // Nothing to release.
 void zelJsonReader_Close(JsonReader* reader);
