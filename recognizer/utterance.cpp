@@ -79,28 +79,45 @@ bool TakeStream(SttRecognizer* recognizer, ZelRingBufferChunk* stream) {
   return false;
 }
 
-// Whether one more frame without audio would leave the utterance open.
-bool IsBridged(const SttRecognizer* recognizer) {
-  return __atomic_load_n(&recognizer->silent_frames, __ATOMIC_RELAXED) < kMaxBridgedSilentFrames;
+// Whether a frame without audio, after so many, leaves the stream as it is: the pause is still bridged, or there is no
+// utterance to end. An update of a disabled member clears both numbers; whatever is seen of that, the flag decides.
+bool IsOnlyCounted(const SttRecognizer* recognizer, int32_t silent_frames) {
+  return silent_frames < kMaxBridgedSilentFrames ||
+         __atomic_load_n(&recognizer->utterance_length, __ATOMIC_RELAXED) == 0;
 }
 
 // The cheapest frame there is: it touches nothing but the counter.
-uint32_t CountSilence(SttRecognizer* recognizer) {
+uint32_t CountSilence(SttRecognizer* recognizer, int32_t silent_frames) {
   if (zelAtomic_Load(&recognizer->enabled) == 0) return 0;
-  const int32_t frames = __atomic_load_n(&recognizer->silent_frames, __ATOMIC_RELAXED);
-  __atomic_store_n(&recognizer->silent_frames, frames + 1, __ATOMIC_RELAXED);
+  __atomic_store_n(&recognizer->silent_frames, silent_frames < kMaxBridgedSilentFrames ? silent_frames + 1 : 0,
+                   __ATOMIC_RELAXED);
   return 1;
 }
 
-void TakeFrame(SttRecognizer* recognizer, const SttAudioFrame& frame) {
+void SetUtteranceLength(SttRecognizer* recognizer, int32_t samples) {
+  __atomic_store_n(&recognizer->utterance_length, samples, __ATOMIC_RELAXED);
+}
+
+void AddFrame(SttRecognizer* recognizer, const SttAudioFrame& frame) {
   if (frame.data == nullptr) {
     zelSttRecognizer_EndUtterance(recognizer);
   } else {
     WriteAudio(recognizer, frame);
-    recognizer->utterance_length += kFrameSamples;
+    SetUtteranceLength(recognizer, recognizer->utterance_length + kFrameSamples);
     if (recognizer->utterance_length >= kMaxUtteranceSamples) zelSttRecognizer_EndUtterance(recognizer);
   }
   __atomic_store_n(&recognizer->silent_frames, 0, __ATOMIC_RELAXED);
+}
+
+// Not inlined: frames that are only counted would pay for its registers.
+[[gnu::noinline]] uint32_t TakeFrame(SttRecognizer* recognizer, const SttAudioFrame& frame) {
+  // First the word, then the flag: an update that finds the member disabled either sees the word or is seen here. That
+  // takes one full barrier; giving the word back takes none.
+  __atomic_store_n(&recognizer->audio_busy, 1, __ATOMIC_SEQ_CST);
+  const bool enabled = zelAtomic_Load(&recognizer->enabled) != 0;
+  if (enabled) AddFrame(recognizer, frame);
+  __atomic_store_n(&recognizer->audio_busy, 0, __ATOMIC_RELEASE);
+  return enabled ? 1 : 0;
 }
 
 uint32_t DiscardUtterance(SttRecognizer* recognizer) {
@@ -112,14 +129,11 @@ uint32_t DiscardUtterance(SttRecognizer* recognizer) {
 
 uint32_t zelSttRecognizer_PutAudioFrame(SttRecognizer* recognizer, const SttAudioFrame* frame) {
   if (zelErr_Refuse(recognizer == nullptr, "E2022111441") || zelErr_Refuse(frame == nullptr, "E2022111442")) return 0;
-  if (frame->data == nullptr && IsBridged(recognizer)) return CountSilence(recognizer);
-
-  // First the word, then the flag: an update that finds the member disabled either sees the word or is seen here.
-  zelAtomic_Store(&recognizer->audio_busy, 1);
-  const bool enabled = zelAtomic_Load(&recognizer->enabled) != 0;
-  if (enabled) TakeFrame(recognizer, *frame);
-  zelAtomic_Store(&recognizer->audio_busy, 0);
-  return enabled ? 1 : 0;
+  if (frame->data == nullptr) {
+    const int32_t silent_frames = __atomic_load_n(&recognizer->silent_frames, __ATOMIC_RELAXED);
+    if (IsOnlyCounted(recognizer, silent_frames)) return CountSilence(recognizer, silent_frames);
+  }
+  return TakeFrame(recognizer, *frame);
 }
 
 uint32_t zelSttRecognizer_EndUtterance(SttRecognizer* recognizer) {
@@ -139,7 +153,7 @@ uint32_t zelSttRecognizer_EndUtterance(SttRecognizer* recognizer) {
   zelAtomic_Store(&slot.size, stream.size);
   recognizer->fill_index = (recognizer->fill_index + 1) % kSttUtteranceSlots;
   zelSttRecognizer_BeginStream(recognizer);
-  recognizer->utterance_length = 0;
+  SetUtteranceLength(recognizer, 0);
   return 1;
 }
 
@@ -162,5 +176,5 @@ uint32_t zelSttRecognizer_BeginStream(SttRecognizer* recognizer) {
 void zelSttRecognizer_DiscardStream(SttRecognizer* recognizer) {
   EmptyDataLane(recognizer);
   zelSttRecognizer_BeginStream(recognizer);
-  recognizer->utterance_length = 0;
+  SetUtteranceLength(recognizer, 0);
 }
