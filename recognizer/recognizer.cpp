@@ -133,6 +133,16 @@ void DropDisabledAudio(SttRecognizer* recognizer) {
   __atomic_store_n(&recognizer->silent_frames, 0, __ATOMIC_RELAXED);
 }
 
+SttRecognizerHandle* HandleOf(SttRecognizerHn handle) {
+  return reinterpret_cast<SttRecognizerHandle*>(handle);
+}
+
+bool IsIdle(SttRecognizer* recognizer) {
+  return zelSttRequest_GetState(recognizer->request) == STT_REQUEST_IDLE &&
+         zelAtomic_Load(&recognizer->utterance_slots[recognizer->send_index].size) == 0 &&
+         zelAtomic_Load(&recognizer->enabled) != 0;
+}
+
 // ---- The host's interface ----
 
 uint32_t SetMemberId(SttRecognizer* recognizer, uint32_t member_id) {
@@ -168,7 +178,7 @@ int32_t zelSttRecognizer_CalculateWorkSize(const SttRecognizerConfig* config) {
 
   ZelWorkSizeRecord size;
   zelWorkSize_Begin(&size);
-  zelWorkSize_Add(&size, sizeof(SttRecognizerPair), 1, kAlignment);
+  zelWorkSize_Add(&size, sizeof(SttRecognizerHandle), 1, kAlignment);
   zelWorkSize_Add(&size, sizeof(SttRecognizer), 1, kAlignment);
   zelWorkSize_Add(&size, sizes.formatter, 1, 1);
   zelWorkSize_Add(&size, sizes.ring_buffer, 1, 1);
@@ -190,24 +200,25 @@ SttRecognizerHn zelSttRecognizer_Create(const SttRecognizerConfig* config, void*
   zelMemory_Clear(work, static_cast<uint64_t>(work_size));
   ZelFixedAllocatorRecord carving;
   zelFixedAllocator_Create(work, work_size, &carving);
-  auto* handle = static_cast<SttRecognizerHn>(Carve(&carving, sizeof(SttRecognizerPair), kAlignment));
+  auto* handle = static_cast<SttRecognizerHandle*>(Carve(&carving, sizeof(SttRecognizerHandle), kAlignment));
   auto* recognizer =
       handle != nullptr ? static_cast<SttRecognizer*>(Carve(&carving, sizeof(SttRecognizer), kAlignment)) : nullptr;
   if (recognizer == nullptr) {
     zelFixedAllocator_Destroy(&carving);
     return nullptr;
   }
-  *handle = {&kRecognizerInterface, recognizer};
+  handle->pair = {&kRecognizerInterface, recognizer};
+  recognizer->handle = handle;
   recognizer->member_id = kSttNoMemberId;
   recognizer->enabled = 1;
   recognizer->max_text_message_size = config->max_text_message_size;
 
   const bool created = CreateParts(&carving, *config, recognizer);
-  if (!created) zelSttRecognizer_Destroy(handle);
+  if (!created) zelSttRecognizer_Destroy(&handle->pair);
   zelFixedAllocator_Destroy(&carving);
   if (!created) return nullptr;
-  zelSttRecognizer_Reset(handle);
-  return handle;
+  zelSttRecognizer_Reset(&handle->pair);
+  return &handle->pair;
 }
 
 uint32_t zelSttRecognizer_Destroy(SttRecognizerHn handle) {
@@ -228,6 +239,9 @@ uint32_t zelSttRecognizer_Destroy(SttRecognizerHn handle) {
 
 uint32_t zelSttRecognizer_Update(SttRecognizerHn handle) {
   if (zelErr_Refuse(handle == nullptr, "E2022111427")) return 0;
+  uint32_t* pending = &HandleOf(handle)->pending;
+  if (__atomic_load_n(pending, __ATOMIC_SEQ_CST) == 0) return 1;
+  __atomic_store_n(pending, 0, __ATOMIC_SEQ_CST);
   SttRecognizer* recognizer = handle->instance;
   const uint32_t state = zelSttRequest_GetState(recognizer->request);
   if (state == STT_REQUEST_SUCCEEDED) zelSttRecognizer_DeliverText(recognizer);
@@ -236,6 +250,7 @@ uint32_t zelSttRecognizer_Update(SttRecognizerHn handle) {
   if (state == STT_REQUEST_IDLE || state == STT_REQUEST_SUCCEEDED) StartNextRequest(recognizer);
   zelSttRequest_Poll(recognizer->request);
   DropDisabledAudio(recognizer);
+  if (!IsIdle(recognizer)) __atomic_store_n(pending, 1, __ATOMIC_SEQ_CST);
   return 1;
 }
 
@@ -266,6 +281,7 @@ uint32_t zelSttRecognizer_Recycle(SttRecognizerHn handle) {
 uint32_t zelSttRecognizer_EnableMember(SttRecognizerHn handle, uint32_t enabled) {
   if (zelErr_Refuse(handle == nullptr, "E2022111422")) return 0;
   zelAtomic_Store(&handle->instance->enabled, enabled);
+  __atomic_store_n(&HandleOf(handle)->pending, 1, __ATOMIC_SEQ_CST);
   return 1;
 }
 

@@ -9,7 +9,9 @@
 //  4. utterance_length is 0 exactly when no frame with audio has been taken since the current stream began.
 //  5. mutex guards packet_queue, text_blocks and the packets of the pool; it is taken inside the session's mutex,
 //     never the other way round, and it is recursive.
-//  6. While audio_busy is 1 the audio path owns the current stream. The update of a disabled member touches it only
+//  6. SttRecognizerHandle::pending is 0 only when an update would change nothing: the request idle, the slot at
+//     send_index free, the member enabled. Whoever ends that sets it afterwards; the update clears it before it looks.
+//  7. While audio_busy is 1 the audio path owns the current stream. The update of a disabled member touches it only
 //     after it has seen 0; the audio path sets 1 before it reads enabled, so one of the two sees the other.
 #pragma once
 
@@ -22,6 +24,13 @@ struct SttRequest;
 
 inline constexpr int32_t kSttUtteranceSlots = 8;
 inline constexpr uint32_t kSttClientIdSize = 512;
+
+// What a SttRecognizerHn leads to. A session's update reads no more than this of a recognizer that has nothing to do, and
+// the session's list node lies right in front of it.
+struct SttRecognizerHandle {
+  SttRecognizerPair pair;  // all that the host sees
+  uint32_t pending;        // atomic; 1 when an update may find something to do
+};
 
 struct SttRecognizer {
   uint32_t member_id;                                      // the host's; 0xFFFFFFFF when none has been set
@@ -44,6 +53,7 @@ struct SttRecognizer {
   uint32_t enabled;   // atomic; 0 disables
   uint32_t language;  // 0 to 2
   // Private from here on.
+  SttRecognizerHandle* handle;
   uint32_t stream_begun;  // 1 while lane 1 starts with the header pages of the current stream
   uint32_t audio_busy;    // atomic; 1 while the audio path works on the current stream
 };

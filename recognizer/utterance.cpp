@@ -151,6 +151,7 @@ uint32_t zelSttRecognizer_EndUtterance(SttRecognizer* recognizer) {
 
   slot.data = stream.data;
   zelAtomic_Store(&slot.size, stream.size);
+  __atomic_store_n(&recognizer->handle->pending, 1, __ATOMIC_SEQ_CST);
   recognizer->fill_index = (recognizer->fill_index + 1) % kSttUtteranceSlots;
   zelSttRecognizer_BeginStream(recognizer);
   SetUtteranceLength(recognizer, 0);
