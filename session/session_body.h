@@ -11,6 +11,7 @@ inline constexpr uint32_t kSttAuthorizationSize = 520;
 struct SttRecognizerNode {
   SttRecognizerHn recognizer;
   SttRecognizerNode* next;
+  const SttRecognizerNode* ahead;  // some nodes down the active list, as it was when an update last looked
 };
 
 struct SttRecognizerList {
@@ -25,6 +26,7 @@ struct SttSessionBody {
   SttRecognizerList free_list;                // not assigned to a member
   SttRecognizerList active_list;              // assigned to a member by the host
   char authorization[kSttAuthorizationSize];  // "Bearer " and the access token; the recognizers' requests read it here
+  uint32_t active_changed;                    // 1 when an update has to set the nodes' `ahead` anew
 };
 
 inline void zelSttRecognizerList_Append(SttRecognizerList* list, SttRecognizerNode* node) {

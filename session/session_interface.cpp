@@ -8,10 +8,28 @@
 
 namespace {
 
+// An update walks the list faster than memory answers: each node lies in a page of its own. So a node tells in good time
+// which one comes later.
+constexpr int kNodesAhead = 8;
+
+void LeadAhead(const SttRecognizerList& list) {
+  const SttRecognizerNode* ahead = list.head;
+  for (int i = 0; i < kNodesAhead && ahead != list.tail; ++i)
+    ahead = ahead->next;
+  for (SttRecognizerNode* node = list.head; node != nullptr; node = node->next) {
+    node->ahead = ahead;
+    if (ahead != list.tail) ahead = ahead->next;
+  }
+}
+
 void Update(SttSessionBody* body) {
   if (zelErr_Refuse(body == nullptr, "E2022111456")) return;
   zelMutex_Lock(body->mutex);
+  if (body->active_changed != 0) LeadAhead(body->active_list);
+  body->active_changed = 0;
   for (SttRecognizerNode* node = body->active_list.head; node != nullptr; node = node->next) {
+    __builtin_prefetch(node->ahead);
+    __builtin_prefetch(node->ahead + 1);  // the recognizer's area begins there
     zelSttRecognizer_Update(node->recognizer);
   }
   zelMutex_Unlock(body->mutex);
@@ -59,6 +77,7 @@ SttRecognizerHn AcquireRecognizer(SttSessionBody* body) {
   if (node != nullptr) {
     zelSttRecognizerList_Unlink(&body->free_list, nullptr, node);
     zelSttRecognizerList_Append(&body->active_list, node);
+    body->active_changed = 1;
     recognizer = node->recognizer;
   }
   zelMutex_Unlock(body->mutex);
@@ -68,6 +87,7 @@ SttRecognizerHn AcquireRecognizer(SttSessionBody* body) {
 // Takes `node`, which follows `previous` in the active list, back.
 void Recover(SttSessionBody* body, SttRecognizerNode* previous, SttRecognizerNode* node) {
   zelSttRecognizerList_Unlink(&body->active_list, previous, node);
+  body->active_changed = 1;
   zelSttRecognizer_Recycle(node->recognizer);
   zelSttRecognizerList_Append(&body->free_list, node);
 }
