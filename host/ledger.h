@@ -41,8 +41,8 @@ struct MemberLedger {
 
   std::uint64_t ended = 0;          ///< utterances with audio that ended, by whatever
   std::uint64_t forced_pauses = 0;  ///< of these, ended by the room because of the request body limit
-  std::uint64_t dropped = 0;    ///< ended and not kept for posting: the stream left lane 1 and came back in one frame
-  std::uint64_t too_short = 0;  ///< of these, less than 200 ms of audio; the rest: member disabled, no room
+  std::uint64_t dropped = 0;        ///< ended and not kept for posting
+  std::uint64_t too_short = 0;      ///< of these, less than 200 ms of audio; the rest: member disabled, no room
 
   std::uint64_t posted = 0;     ///< utterances whose turn came: those answered, and the one under way
   std::uint64_t delivered = 0;  ///< answered, and no failure was reported
@@ -51,9 +51,11 @@ struct MemberLedger {
   std::array<std::uint64_t, kFailureReports.size()> failures{};  ///< these by report, in the order of kFailureReports
   std::uint64_t waiting = 0;  ///< kept and not answered yet, at most kMaxWaiting: chunks of lane 1 that are out
   std::uint64_t lost = 0;     ///< still being spoken or waiting when the member was released or the room reset
+  std::uint64_t unfinished =
+      0;  ///< of these, still being spoken; with less than 200 ms of audio it is too_short instead
 
   /** Utterances that were kept for posting. */
-  std::uint64_t stored() const noexcept { return ended - dropped; }
+  std::uint64_t stored() const noexcept { return ended - dropped - unfinished; }
   /** Utterances of 200 ms or more that got no answer and will get none. */
   std::uint64_t unheard() const noexcept { return failed + lost + (dropped - too_short); }
   /** Counts another stay of the same member, or another member, in. */
@@ -62,7 +64,7 @@ struct MemberLedger {
 };
 
 /** The counts by name, in the order in which they are shown. */
-inline constexpr std::array<std::pair<const char*, std::uint64_t MemberLedger::*>, 14> kLedgerCounts{{
+inline constexpr std::array<std::pair<const char*, std::uint64_t MemberLedger::*>, 15> kLedgerCounts{{
     {"frames", &MemberLedger::frames},
     {"audio_frames", &MemberLedger::audio_frames},
     {"refused_frames", &MemberLedger::refused_frames},
@@ -77,6 +79,7 @@ inline constexpr std::array<std::pair<const char*, std::uint64_t MemberLedger::*
     {"failed", &MemberLedger::failed},
     {"waiting", &MemberLedger::waiting},
     {"lost", &MemberLedger::lost},
+    {"unfinished", &MemberLedger::unfinished},
 }};
 
 inline MemberLedger& MemberLedger::operator+=(const MemberLedger& other) noexcept {

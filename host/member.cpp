@@ -52,6 +52,7 @@ void Member::drop_utterance() {
   if (utterance.audio_frames == 0) return;
   ++ledger.ended;
   ++ledger.dropped;
+  if (utterance.audio_frames < kMinAudioFrames) ++ledger.too_short;
   utterance = {};
 }
 
@@ -78,7 +79,6 @@ bool Member::put(Packet packet) {
   if (change.taken != change.returned) {
     ++ledger.ended;
   } else {
-    if (utterance.audio_frames > 0 && utterance.audio_frames < kMinAudioFrames) ++ledger.too_short;
     drop_utterance();
   }
   utterance = {};
@@ -156,9 +156,12 @@ void Member::settle(std::size_t texts) {
 }
 
 void Member::lose_all() {
-  if (utterance.audio_frames > 0) {
+  if (utterance.audio_frames >= kMinAudioFrames) {
     ++ledger.ended;
     ++ledger.lost;
+    ++ledger.unfinished;
+  } else {
+    drop_utterance();
   }
   ledger.lost += std::exchange(ledger.waiting, 0);
   if (ring != nullptr) ring_seen = ring->statistics();

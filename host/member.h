@@ -13,8 +13,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <list>
 #include <optional>
 #include <span>
+#include <variant>
 
 #include "ledger.h"
 #include "ring_buffer.h"
@@ -23,6 +25,9 @@
 namespace zel::host {
 
 using Packet = std::span<const std::uint8_t>;
+
+// What the room will tell the application. A list: an event moves on without memory.
+using Events = std::list<std::variant<RoomText, MemberLedger>>;
 
 // The utterance that a member is speaking, as the plug-in keeps it.
 struct Utterance {
@@ -52,6 +57,8 @@ struct Member {
   std::optional<std::size_t> text_failure;      // of the utterance that the update under way gives back
   bool leaving = false;
   std::chrono::steady_clock::time_point deadline;
+  Events next_text;             // memory for the text that an update may bring: one element, or none
+  Events farewell = Events(1);  // for the ledger
 
   bool has_slot() const { return ledger.waiting < kMaxWaiting; }
   bool has_headroom() const;

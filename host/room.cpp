@@ -2,12 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <deque>
 #include <map>
 #include <mutex>
 #include <thread>
 #include <utility>
-#include <variant>
 
 #include "bridge_services.h"
 #include "member.h"
@@ -18,7 +16,9 @@ namespace zel::host {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Members = std::map<std::uint32_t, std::unique_ptr<Member>>;
 constexpr std::chrono::milliseconds kDrainPoll{5};
+constexpr std::size_t kMaxText = 1023;  // bytes of the longest text that the plug-in delivers
 
 void require(bool condition, RoomErrorCode code, const std::string& what) {
   if (!condition) throw RoomError(code, what);
@@ -29,6 +29,13 @@ std::string checked_text(std::string_view text, std::size_t max_size, const char
   require(sound, RoomErrorCode::kInvalidArgument,
           std::string(what) + " must have 1 to " + std::to_string(max_size) + " bytes, none of them NUL");
   return std::string(text);
+}
+
+// Never beyond the clock's end.
+Clock::time_point deadline_after(std::chrono::milliseconds drain_time) {
+  const auto now = Clock::now();
+  const auto longest = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::time_point::max() - now);
+  return now + std::clamp(drain_time, std::chrono::milliseconds{0}, longest);
 }
 
 }  // namespace
@@ -45,8 +52,8 @@ struct Room::State {
   mutable std::mutex lock;
   bool closed = false;
   bool resetting = false;  // no frame may be put
-  std::map<std::uint32_t, std::unique_ptr<Member>> members;
-  std::deque<std::variant<RoomText, MemberLedger>> outbox;
+  Members members;
+  Events outbox;
 
   const SttSessionInterface& api() const { return *session->interface_table; }
 
@@ -60,15 +67,31 @@ struct Room::State {
     return *member;
   }
 
+  void reserve_events();
   void update();
-  void collect(Member& member);
-  std::vector<std::unique_ptr<Member>> take_departed();
-  void release(Member& member);
+  void collect(Member& member) noexcept;
+  Members take_departed() noexcept;
+  void release_departed() noexcept;
   std::size_t deliver();
+  void leave_all(Clock::time_point deadline);
+  void detach();
 };
+
+// Nothing may fail any more once an update has begun: its texts would be lost.
+void Room::State::reserve_events() {
+  for (auto& [id, member] : members) {
+    if (!member->next_text.empty()) continue;
+    Events next(1);
+    auto& text = std::get<RoomText>(next.front());
+    text.client_id = member->ledger.client_id;
+    text.text.reserve(kMaxText);
+    member->next_text.swap(next);
+  }
+}
 
 // One update of the session, and what it did to each member.
 void Room::State::update() {
+  reserve_events();
   std::array<std::size_t, kFailureReports.size()> reported{};  // by the recognizer at work
   std::size_t count = 0;
   {
@@ -91,31 +114,29 @@ void Room::State::update() {
     collect(*member);
 }
 
-// Takes the member's texts and balances its ledger.
-void Room::State::collect(Member& member) {
-  const std::size_t begin = outbox.size();
-  for (;;) {
-    const TextPacket packet(member.recognizer->interface_table->PopTextPacket(member.recognizer->instance));
-    if (!packet) break;
-    outbox.emplace_back(
-        RoomText{packet.member_id(), member.ledger.client_id, 0, std::string(packet.text()), packet.timestamp_us()});
-  }
-  member.settle(outbox.size() - begin);
-  for (std::size_t i = begin; i < outbox.size(); ++i)
-    std::get<RoomText>(outbox[i]).utterance = member.ledger.stored() - member.ledger.waiting;
+// Takes the member's text, of which an update gives at most one, and balances its ledger.
+void Room::State::collect(Member& member) noexcept {
+  const TextPacket packet(member.recognizer->interface_table->PopTextPacket(member.recognizer->instance));
+  member.settle(packet ? 1 : 0);
+  if (!packet) return;
+  auto& text = std::get<RoomText>(member.next_text.front());
+  text.member_id = packet.member_id();
+  text.utterance = member.ledger.stored() - member.ledger.waiting;
+  text.text = packet.text();
+  text.timestamp_us = packet.timestamp_us();
+  outbox.splice(outbox.end(), member.next_text);
 }
 
 // Moves leaving members on; those who are done are no longer members afterwards.
-std::vector<std::unique_ptr<Member>> Room::State::take_departed() {
-  std::vector<std::unique_ptr<Member>> departed;
+Members Room::State::take_departed() noexcept {
+  Members departed;
   const auto now = Clock::now();
   for (auto entry = members.begin(); entry != members.end();) {
     Member& member = *entry->second;
     if (member.leaving && member.has_slot() && member.has_headroom()) member.put_pause();
     const bool drained = member.utterance.audio_frames == 0 && member.ledger.waiting == 0;
     if (member.leaving && (drained || now >= member.deadline)) {
-      departed.push_back(std::move(entry->second));
-      entry = members.erase(entry);
+      departed.insert(members.extract(entry++));
     } else {
       ++entry;
     }
@@ -123,32 +144,53 @@ std::vector<std::unique_ptr<Member>> Room::State::take_departed() {
   return departed;
 }
 
-// Takes the recognizer back; waits for its exchange in flight.
-void Room::State::release(Member& member) {
-  api().ReleaseRecognizer(session->body, member.recognizer);
-  member.lose_all();
-  std::lock_guard hold(lock);
-  outbox.emplace_back(std::move(member.ledger));
+// Takes their recognizers back; waits for exchanges in flight. Under drive.
+void Room::State::release_departed() noexcept {
+  Members departed;
+  {
+    std::lock_guard hold(lock);
+    departed = take_departed();
+  }
+  for (auto& [id, member] : departed) {
+    api().ReleaseRecognizer(session->body, member->recognizer);
+    member->lose_all();
+    member->farewell.front() = std::move(member->ledger);
+    std::lock_guard hold(lock);
+    outbox.splice(outbox.end(), member->farewell);
+  }
 }
 
 // Calls the events that have come up, in order. Result: number of texts.
 std::size_t Room::State::deliver() {
   std::size_t texts = 0;
   for (;;) {
-    std::variant<RoomText, MemberLedger> event;
+    Events event;
     {
       std::lock_guard hold(lock);
       if (outbox.empty()) return texts;
-      event = std::move(outbox.front());
-      outbox.pop_front();
+      event.splice(event.end(), outbox, outbox.begin());
     }
-    if (const auto* text = std::get_if<RoomText>(&event)) {
+    if (const auto* text = std::get_if<RoomText>(&event.front())) {
       ++texts;
       if (events.text) events.text(*text);
     } else if (events.left) {
-      events.left(std::get<MemberLedger>(event));
+      events.left(std::get<MemberLedger>(event.front()));
     }
   }
+}
+
+void Room::State::leave_all(Clock::time_point deadline) {
+  std::lock_guard hold(lock);
+  closed = true;
+  for (auto& [id, member] : members) {
+    member->deadline = member->leaving ? std::min(member->deadline, deadline) : deadline;
+    member->leaving = true;
+  }
+}
+
+void Room::State::detach() {
+  std::lock_guard hold(drive);
+  if (std::exchange(attached, false)) api().Detach(session->body);
 }
 
 Room::Room(ZelRtcSpeechToTextSessionHn session, RoomEvents events) : state_(std::make_unique<State>()) {
@@ -159,11 +201,12 @@ Room::Room(ZelRtcSpeechToTextSessionHn session, RoomEvents events) : state_(std:
 }
 
 Room::~Room() {
-  state_->events = {};
-  try {
-    close(std::chrono::milliseconds{0});
-  } catch (...) {  // no memory for the last events, which nobody hears
+  state_->leave_all(Clock::now());
+  {
+    std::lock_guard drive(state_->drive);
+    state_->release_departed();
   }
+  state_->detach();
 }
 
 void Room::set_endpoint(std::string_view url) {
@@ -241,14 +284,11 @@ std::size_t Room::waiting() const {
 std::size_t Room::pump() {
   {
     std::lock_guard drive(state_->drive);
-    std::vector<std::unique_ptr<Member>> departed;
     if (state_->attached) {
       std::lock_guard hold(state_->lock);
       state_->update();
-      departed = state_->take_departed();
     }
-    for (auto& member : departed)
-      state_->release(*member);
+    state_->release_departed();
   }
   return state_->deliver();
 }
@@ -268,7 +308,7 @@ void Room::reset() {
 }
 
 void Room::begin_leave(std::uint32_t member_id, std::chrono::milliseconds drain_time) {
-  const auto deadline = Clock::now() + drain_time;
+  const auto deadline = deadline_after(drain_time);
   std::lock_guard hold(state_->lock);
   Member& member = state_->get(member_id);
   member.deadline = member.leaving ? std::min(member.deadline, deadline) : deadline;
@@ -282,19 +322,10 @@ void Room::leave(std::uint32_t member_id, std::chrono::milliseconds drain_time) 
 }
 
 void Room::close(std::chrono::milliseconds drain_time) {
-  const auto deadline = Clock::now() + drain_time;
-  {
-    std::lock_guard hold(state_->lock);
-    state_->closed = true;
-    for (auto& [id, member] : state_->members) {
-      member->deadline = member->leaving ? std::min(member->deadline, deadline) : deadline;
-      member->leaving = true;
-    }
-  }
+  state_->leave_all(deadline_after(drain_time));
   for (pump(); member_count() > 0; pump())
     std::this_thread::sleep_for(kDrainPoll);
-  std::lock_guard drive(state_->drive);
-  if (std::exchange(state_->attached, false)) state_->api().Detach(state_->session->body);
+  state_->detach();
 }
 
 bool Room::has_member(std::uint32_t member_id) const {

@@ -21,8 +21,9 @@
 // no lock of the room held: they may call every operation but pump, leave
 // and close.
 //
-// Errors. feed answers with a FrameResult. All other operations throw RoomError and have changed nothing then. The
-// recognition's own errors arrive as reports (reports.h) and in the members' ledgers.
+// Errors. feed answers with a FrameResult. All other operations throw RoomError or, without memory, std::bad_alloc, and
+// have changed nothing then; but members go on leaving when leave or close fails while it pumps. The recognition's own
+// errors arrive as reports (reports.h) and in the members' ledgers.
 #pragma once
 
 #include <chrono>
@@ -140,7 +141,8 @@ class Room {
 
   /** The member speaks no more: its utterance is ended, and pump goes on until all its utterances are answered or
    * `drain_time` has passed; then the recognizer is taken back and `left` is called. Until then the member's ids stay
-   * in use. kNoSuchMember when it is not a member; again for a leaving one: the earlier deadline holds. */
+   * in use. kNoSuchMember when it is not a member; again for a leaving one: the earlier deadline holds. Any drain time
+   * will do: none or less ends it at once, milliseconds::max() never. */
   void begin_leave(std::uint32_t member_id, std::chrono::milliseconds drain_time = kDrainTime);
   /** begin_leave, then pumps until the member is gone. */
   void leave(std::uint32_t member_id, std::chrono::milliseconds drain_time = kDrainTime);
