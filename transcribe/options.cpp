@@ -173,6 +173,12 @@ Options parse_options(int argc, const char* const* argv) {
     app.exit(help);
     options.help_shown = true;
     return options;
+  } catch (const CLI::ExtrasError&) {
+    // What stands behind '=' may be a token.
+    std::string names;
+    for (const std::string& option : app.remaining())
+      names += " " + option.substr(0, option.find('='));
+    throw UsageError("unknown option:" + names);
   } catch (const CLI::ParseError& error) {
     throw UsageError(error.what());
   }

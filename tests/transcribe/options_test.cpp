@@ -30,17 +30,14 @@ TEST(Options, WhatCannotBeUsedIsNamed) {
     const char* reason;
   } cases[] = {
       {{}, "MEMBER=FILE"},
-      {{"a.wav"}, "'a.wav': MEMBER=FILE is needed"},
       {{"=a.wav"}, "member before '=' is missing"},
       {{"a="}, "file behind '=' is missing"},
       {{"a\x1b=b"}, "control characters"},
       {{long_id.c_str()}, "at most 511 bytes"},
-      {{"a=-", "b=-"}, "only one member"},
       {{"a=-", "a=-"}, "only one member"},
       {{"a=b", "--language", "en"}, "'en' is none of"},
       {{"a=b", "--language", "b=en-US"}, "no member 'b'"},
       {{"a=b", "--language", "ja-JP"}, "ja-JP needs an --endpoint"},
-      {{"a=b", "--endpoint", "ftp://host/"}, "http:// or https://"},
       {{"a=b", "--endpoint", "host/path"}, "http:// or https://"},
       {{"a=b", "--endpoint", "http:///path"}, "names no host"},
       {{"a=b", "--endpoint", long_url.c_str()}, "too long"},
@@ -50,16 +47,13 @@ TEST(Options, WhatCannotBeUsedIsNamed) {
       {{"a=b", "--token", "x"}, "--endpoint"},
       {{"a=b", "--format", "xml"}, "--format"},
       {{"a=b", "--bitrate", "100"}, "--bitrate"},
-      {{"a=b", "--unknown"}, "--unknown"},
   };
   for (const auto& each : cases) {
-    try {
-      parse(each.arguments);
-      ADD_FAILURE() << each.reason;
-    } catch (const UsageError& error) {
-      EXPECT_THAT(error.what(), testing::HasSubstr(each.reason));
-    }
+    const auto named = testing::ThrowsMessage<UsageError>(testing::HasSubstr(each.reason));
+    EXPECT_THAT([&] { parse(each.arguments); }, named);
   }
+  const auto without_value = testing::ThrowsMessage<UsageError>(testing::StrEq("unknown option: --tokn"));
+  EXPECT_THAT([&] { parse({"a=b", "--tokn=secret"}); }, without_value);
 }
 
 }  // namespace
