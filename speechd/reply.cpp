@@ -64,4 +64,12 @@ std::string error_reply(std::string_view code, std::string_view message) {
                    {"error_message", cut(message, kMaxErrorMessage, Unit::kWord)}});
 }
 
+std::string health_reply(const Health& health) {
+  return dump(Json{{"status", "ok"},
+                   {"languages", health.languages},
+                   {"engines", health.engines},
+                   {"waiting", health.waiting},
+                   {"max_waiting", health.max_waiting}});
+}
+
 }  // namespace zel::speechd

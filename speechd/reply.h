@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "engine.h"
 
@@ -25,5 +26,14 @@ std::string success_reply(std::string_view speaker, const Recognition& recogniti
 
 /** "result" "error". */
 std::string error_reply(std::string_view code, std::string_view message);
+
+/** "status" "ok", and what the service has to offer. */
+struct Health {
+  std::vector<std::string> languages;
+  std::size_t engines = 0;
+  std::size_t waiting = 0;  ///< utterances that no engine has begun
+  std::size_t max_waiting = 0;
+};
+std::string health_reply(const Health& health);
 
 }  // namespace zel::speechd

@@ -11,7 +11,6 @@
 #include <array>
 #include <exception>
 #include <future>
-#include <nlohmann/json.hpp>
 #include <thread>
 #include <utility>
 
@@ -259,12 +258,8 @@ bool SpeechService::State::supports(const std::string& language) const {
 }
 
 void SpeechService::State::health(httplib::Response& response) const {
-  const nlohmann::ordered_json status{{"status", "ok"},
-                                      {"languages", config.languages},
-                                      {"engines", pool.engines()},
-                                      {"waiting", pool.waiting()},
-                                      {"max_waiting", config.max_waiting}};
-  response.set_content(status.dump(), kJsonType);
+  const Health now = {config.languages, pool.engines(), pool.waiting(), config.max_waiting};
+  response.set_content(health_reply(now), kJsonType);
 }
 
 void SpeechService::State::log(const std::string& line) const {

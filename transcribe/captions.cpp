@@ -4,7 +4,6 @@
 
 #include <cmath>
 #include <cstdio>
-#include <nlohmann/json.hpp>
 
 #include "json_text.h"
 
@@ -19,17 +18,16 @@ double rounded(double seconds) {
 }
 
 std::string format_json(const Caption& caption) {
-  nlohmann::ordered_json line;
-  line["member"] = caption.text.client_id;
-  line["member_id"] = caption.text.member_id;
-  line["text"] = unescape(caption.text.text);
-  line["timestamp_us"] = caption.text.timestamp_us;
+  JsonMembers line = {{"member", caption.text.client_id},
+                      {"member_id", std::uint64_t{caption.text.member_id}},
+                      {"text", unescape(caption.text.text)},
+                      {"timestamp_us", caption.text.timestamp_us}};
   if (caption.stretch) {
-    line["begin_s"] = rounded(caption.stretch->begin);
-    line["end_s"] = rounded(caption.stretch->end);
+    line.emplace_back("begin_s", rounded(caption.stretch->begin));
+    line.emplace_back("end_s", rounded(caption.stretch->end));
   }
-  line["language"] = language_name(caption.language);
-  return line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+  line.emplace_back("language", language_name(caption.language));
+  return json_object(line);
 }
 
 }  // namespace

@@ -22,8 +22,7 @@ FailureLog::~FailureLog() {
 }
 
 void FailureLog::collect(const host::Report& report) {
-  // The token may stand there as it is or escaped.
-  const std::string message = printable(hide_token(unescape(hide_token(report.message, token_)), token_));
+  const std::string message = printable(hide_token(report.message, token_));
   std::lock_guard hold(mutex_);
   if (verbose_) std::fprintf(stderr, "%s\n", message.c_str());
   const bool known = counts_.contains(message) || counts_.size() < kMaxMessages;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <nlohmann/json.hpp>
 
 namespace zel::transcribe {
@@ -30,6 +31,39 @@ bool is_plain_ascii(char c) {
   return static_cast<unsigned char>(c) < 0x80 && c != '\\';
 }
 
+std::string decode_percent(std::string_view text) {
+  std::string out;
+  for (; !text.empty(); text.remove_prefix(1)) {
+    unsigned char byte = 0;
+    const char* digits = text.data() + 1;
+    if (text[0] == '%' && text.size() >= 3 && std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2) {
+      out += static_cast<char>(byte);
+      text.remove_prefix(2);
+    } else {
+      out += text[0];
+    }
+  }
+  return out;
+}
+
+// "<token>" for every stretch of `text` that parts of the forms cover, each of them of 8 bytes or a whole form.
+std::string hide_parts(std::string_view text, const std::vector<std::string>& forms) {
+  std::vector<bool> hidden(text.size() + 1);
+  for (const std::string& form : forms) {
+    const std::size_t size = std::min<std::size_t>(form.size(), 8);
+    for (std::size_t begin = 0; size > 0 && begin + size <= text.size(); ++begin) {
+      if (form.find(text.substr(begin, size)) == std::string::npos) continue;
+      std::fill_n(hidden.begin() + static_cast<std::ptrdiff_t>(begin), size, true);
+    }
+  }
+  std::string out;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (!hidden[i]) out += text[i];
+    if (hidden[i] && !hidden[i + 1]) out += "<token>";
+  }
+  return out;
+}
+
 }  // namespace
 
 std::string unescape(std::string_view raw) {
@@ -49,6 +83,13 @@ std::string unescape(std::string_view raw) {
   return out;
 }
 
+std::string json_object(const JsonMembers& members) {
+  nlohmann::ordered_json object = nlohmann::ordered_json::object();
+  for (const auto& [name, value] : members)
+    std::visit([&, &key = name](const auto& each) { object[key] = each; }, value);
+  return object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
 std::string printable(std::string_view text) {
   std::string out;
   while (!text.empty()) {
@@ -66,21 +107,14 @@ std::string printable(std::string_view text) {
   return out;
 }
 
-std::string hide_token(std::string_view text, std::string_view token) {
-  const std::size_t shortest = std::min<std::size_t>(token.size(), 8);
-  if (shortest == 0) return std::string(text);
-  const auto holds = [&](std::size_t count) {
-    return text.size() >= count && token.find(text.substr(0, count)) != std::string_view::npos;
-  };
-  std::string out;
-  while (!text.empty()) {
-    std::size_t length = holds(shortest) ? shortest : 0;
-    while (length > 0 && holds(length + 1))
-      ++length;
-    out += length > 0 ? "<token>" : text.substr(0, 1);
-    text.remove_prefix(std::max<std::size_t>(length, 1));
-  }
-  return out;
+std::string hide_token(std::string_view raw, std::string_view token) {
+  const std::string text = unescape(raw);
+  const std::string decoded = decode_percent(text);
+  // What a decoder makes of a token that was echoed without being encoded.
+  const std::vector<std::string> forms = {std::string(token), unescape(token), decode_percent(token),
+                                          decode_percent(unescape(token))};
+  std::string hidden = hide_parts(decoded, forms);
+  return hidden != decoded ? hidden : hide_parts(text, forms);
 }
 
 }  // namespace zel::transcribe

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <nlohmann/json.hpp>
 
 #include "json_text.h"
 
@@ -20,14 +19,28 @@ std::string format_counts(const MemberLedger& ledger, double audio_seconds) {
 }
 
 // Names and values in their order.
-nlohmann::ordered_json stats_of(const MemberLedger& ledger) {
-  nlohmann::ordered_json stats;
+std::vector<std::pair<std::string, std::uint64_t>> stats_of(const MemberLedger& ledger) {
+  std::vector<std::pair<std::string, std::uint64_t>> stats;
   for (const auto& [name, count] : host::kLedgerCounts)
-    stats[name] = ledger.*count;
+    stats.emplace_back(name, ledger.*count);
   for (std::size_t i = 0; i < ledger.failures.size(); ++i) {
-    if (ledger.failures[i] > 0) stats[std::string(host::kFailureReports[i])] = ledger.failures[i];
+    if (ledger.failures[i] > 0) stats.emplace_back(host::kFailureReports[i], ledger.failures[i]);
   }
   return stats;
+}
+
+std::string stats_line(const MemberLedger& ledger) {
+  std::string line = printable(ledger.client_id) + ":";
+  for (const auto& [name, value] : stats_of(ledger))
+    line += " " + name + "=" + std::to_string(value);
+  return line + "\n";
+}
+
+std::string stats_object(const MemberLedger& ledger) {
+  JsonMembers members = {{"member", ledger.client_id}, {"member_id", std::uint64_t{ledger.member_id}}};
+  for (const auto& [name, value] : stats_of(ledger))
+    members.emplace_back(name, value);
+  return json_object(members);
 }
 
 }  // namespace
@@ -57,20 +70,13 @@ std::string format_summary(const Summary& summary) {
 }
 
 std::string format_stats(const Summary& summary, Format format) {
-  auto all = nlohmann::ordered_json::array();
-  std::string text;
+  std::string lines, objects;
   for (const MemberSummary& member : summary.members) {
-    const auto stats = stats_of(member.ledger);
-    text += printable(member.ledger.client_id) + ":";
-    for (const auto& [name, value] : stats.items())
-      text += " " + name + "=" + value.dump();
-    text += "\n";
-    all.push_back({{"member", member.ledger.client_id}, {"member_id", member.ledger.member_id}});
-    all.back().update(stats);
+    lines += stats_line(member.ledger);
+    if (!objects.empty()) objects += ',';
+    objects += stats_object(member.ledger);
   }
-  if (format == Format::kText) return text;
-  return nlohmann::ordered_json{{"stats", all}}.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) +
-         "\n";
+  return format == Format::kText ? lines : "{\"stats\":[" + objects + "]}\n";
 }
 
 }  // namespace zel::transcribe
