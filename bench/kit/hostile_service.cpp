@@ -156,10 +156,21 @@ void HostileService::serve(std::uint64_t seed) {
   while (!ended_) {
     const int socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
     if (socket < 0) continue;
-    ++connections_;
+    {
+      std::lock_guard hold(mutex_);
+      ++connections_;
+      ++open_;
+    }
     serve_connection(socket, random);
     close(socket);
+    std::lock_guard hold(mutex_);
+    if (--open_ == 0) closed_.notify_all();
   }
+}
+
+bool HostileService::wait_until_idle(std::chrono::seconds limit) {
+  std::unique_lock hold(mutex_);
+  return closed_.wait_for(hold, limit, [this] { return open_ == 0; });
 }
 
 void HostileService::serve_connection(int socket, Random& random) {

@@ -8,6 +8,8 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <map>
@@ -41,6 +43,8 @@ class HostileService {
   /** By speaker. */
   std::map<std::string, Answers> answers() const;
   std::uint64_t connections() const { return connections_.load(); }
+  /** Waits until no connection is open on this side. False when that has not come true after `limit`. */
+  bool wait_until_idle(std::chrono::seconds limit);
 
  private:
   void serve(std::uint64_t seed);
@@ -55,6 +59,8 @@ class HostileService {
   std::atomic<std::uint64_t> connections_{0};
   mutable std::mutex mutex_;
   std::map<std::string, Answers> answers_;  // guarded by mutex_
+  int open_ = 0;                            // connections accepted and not closed; guarded by mutex_
+  std::condition_variable closed_;
   std::vector<std::thread> threads_;
 };
 

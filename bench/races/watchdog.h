@@ -1,4 +1,4 @@
-// Ends the process, with the stacks of all its threads, when one of the watched threads has not moved for a minute.
+// Ends the process, with the stacks of all its threads, when one of the watched threads has not moved for five minutes.
 //
 // Thread rule: a Pulse belongs to its thread; the watchdog outlives them all.
 #pragma once
