@@ -1,0 +1,150 @@
+// Row "reply". A unit: a reply copied into the buffer where a worker leaves it, parsed, its members looked up and copied
+// as the recognition request does: result, version, speaker and text of a success, otherwise result, version, error code
+// and message. Texts are kept as raw JSON; the general parsers decode escape sequences besides. A run copies eight
+// replies before it reads the first, because a reply has always been in its buffer for a while when it is read.
+#include <array>
+#include <memory>
+#include <stdexcept>
+
+#include "bridge.h"
+#include "cases.h"
+#include "json_reader.h"
+#include "recognition_request.h"
+#include "replies.h"
+#include "reply_peers.h"
+#include "tree_scanner.h"
+#include "wreq_request.h"
+
+namespace bench_parts {
+namespace {
+
+constexpr std::size_t kLengths[] = {100, 400, 1200};
+constexpr struct {
+  bench_kit::ReplyKind kind;
+  const char* name;
+} kKinds[] = {{bench_kit::ReplyKind::kSuccess, "success"},
+              {bench_kit::ReplyKind::kFailed, "failed"},
+              {bench_kit::ReplyKind::kEscapes, "escapes"}};
+
+// The plug-in's own function.
+class Plugin {
+ public:
+  Plugin() : reader_(std::make_unique<JsonReader>()) {
+    request_.json_work = reader_.get();
+    request_.reply_version = read_.version;
+    request_.reply_speaker = read_.speaker;
+    request_.reply_text = read_.text;
+    request_.reply_error_code = read_.error_code;
+    request_.reply_error_message = read_.error_message;
+  }
+
+  const ReadReply& Read(char* reply, std::size_t length) {
+    response_.data = reinterpret_cast<std::uint8_t*>(reply);
+    response_.data_size = static_cast<std::uint32_t>(length);
+    zelSttRequest_ParseReply(&request_, &response_);
+    read_.succeeded = request_.succeeded == 1;
+    return read_;
+  }
+
+ private:
+  std::unique_ptr<JsonReader> reader_;
+  SttRequest request_{};
+  WreqResponse response_{};
+  ReadReply read_;
+};
+
+// The scanner, and the same copies by the same service of the host.
+template <typename Strings>
+class Limit {
+ public:
+  const ReadReply& Read(char* reply, std::size_t) {
+    scanner_.Parse(reply);
+    read_.succeeded = std::strcmp(scanner_.Find("result"), "success") == 0;
+    zelString_Copy(read_.version, sizeof read_.version, scanner_.Find("version"));
+    if (read_.succeeded) {
+      zelString_Copy(read_.speaker, sizeof read_.speaker, scanner_.Find("speaker"));
+      zelString_Copy(read_.text, sizeof read_.text, scanner_.Find("text"));
+    } else {
+      zelString_Copy(read_.error_code, sizeof read_.error_code, scanner_.Find("error_code"));
+      zelString_Copy(read_.error_message, sizeof read_.error_message, scanner_.Find("error_message"));
+    }
+    return read_;
+  }
+
+ private:
+  TreeScanner<Strings> scanner_;
+  ReadReply read_;
+};
+
+struct Buffer {
+  char bytes[kReplyBuffer];
+  char* Fill(const std::string& reply) {
+    std::memcpy(bytes, reply.c_str(), reply.size() + 1);
+    return bytes;
+  }
+};
+
+template <typename Contestant>
+void Add(Cases& cases, const std::string& contestant, const std::string& input, const std::string& reply) {
+  static Contestant reader;
+  static std::array<Buffer, 8> buffers;
+  cases.push_back({"reply/" + contestant + "/" + input, std::ssize(buffers), [reply] {
+                     for (Buffer& buffer : buffers)
+                       buffer.Fill(reply);
+                     for (Buffer& buffer : buffers)
+                       reader.Read(buffer.bytes, reply.size());
+                   }});
+}
+
+const ReadReply& ReadOnce(auto& reader, const std::string& reply) {
+  static Buffer buffer;
+  return reader.Read(buffer.Fill(reply), reply.size());
+}
+
+// Ours and the limit on texts that are no replies, too; the peers where nothing is escaped.
+void Compare() {
+  Plugin plugin;
+  Limit<Bytewise> bytewise;
+  Limit<Sse2> sse2;
+  Simdjson simdjson;
+  Rapidjson rapidjson;
+  Nlohmann nlohmann;
+  for (const auto& [kind, name] : kKinds) {
+    for (const std::size_t length : kLengths) {
+      const std::string reply = Reply(kind, length);
+      Require(reply.size() == length, "reply: length");
+      const ReadReply& read = ReadOnce(plugin, reply);
+      Require(read.succeeded == (kind != bench_kit::ReplyKind::kFailed), "reply: result");
+      Require(read == ReadOnce(bytewise, reply) && read == ReadOnce(sse2, reply), "reply: limit");
+      const bool same =
+          read == ReadOnce(simdjson, reply) && read == ReadOnce(rapidjson, reply) && read == ReadOnce(nlohmann, reply);
+      Require(same == (kind != bench_kit::ReplyKind::kEscapes), "reply: peers");
+    }
+  }
+  for (const char* text : {"", "[]", "{", "{\"a\"", "{\"result\":\"success", "{\"result\":\"success\",\"text\":{}}",
+                           " { \"result\" : \"success\" , \"text\" : -1.5e3 , \"o\" : { \"text\" : [ 1 , [ ] ] } } ",
+                           "{\"result\":\"success\",\"text\":\"\\u12", "{x:1}", "{1:true,\"text\":[1,]}"}) {
+    const ReadReply& read = ReadOnce(plugin, text);
+    Require(read == ReadOnce(bytewise, text) && read == ReadOnce(sse2, text), std::string("reply: limit on ") + text);
+  }
+}
+
+}  // namespace
+
+void AddReplyCases(Cases& cases) {
+  Compare();
+  for (const auto& [kind, name] : kKinds) {
+    for (const std::size_t length : kLengths) {
+      const std::string reply = Reply(kind, length);
+      const std::string input = std::to_string(length) + "_" + name;
+      Add<Plugin>(cases, "plugin", input, reply);
+      Add<Limit<Sse2>>(cases, "limit", input, reply);
+      Add<Limit<Bytewise>>(cases, "limit_bytewise", input, reply);
+      Add<Simdjson>(cases, "simdjson", input, reply);
+      Add<Rapidjson>(cases, "rapidjson", input, reply);
+      Add<Nlohmann>(cases, "nlohmann", input, reply);
+    }
+  }
+}
+
+}  // namespace bench_parts
