@@ -3,6 +3,7 @@
 
 #include "bridge.h"
 #include "ogg_pages.h"
+#include "packet_ref.h"
 #include "recognition_request.h"
 #include "recognizer.h"
 #include "recognizer_record.h"
@@ -14,6 +15,15 @@ inline constexpr std::uint32_t kHeaderPages = 91;  // bytes
 // Each of the stream's packets is `packet`.
 inline void ExpectPackets(const std::string& stream, std::size_t count, const std::string& packet) {
   ExpectOpusStream(stream, std::vector<std::string>(count, packet));
+}
+
+// The text of a packet, which is released.
+inline std::string TakeText(PacketRef* packet) {
+  if (packet == nullptr) return "(none)";
+  std::string text = reinterpret_cast<const char*>(packet->payload->field_values[0]);
+  EXPECT_EQ(packet->payload->field_values[1], text.size());
+  zelPacketRef_Release(packet);
+  return text;
 }
 
 struct RecognizerRig {
@@ -29,7 +39,6 @@ struct RecognizerRig {
   ~RecognizerRig() {
     EXPECT_EQ(host.TakeReports(), Reports{});
     EXPECT_EQ(zelSttRecognizer_Destroy(handle), 1u);
-    EXPECT_EQ(host.TakeReports(), reports_of_destroy);
   }
 
   std::uint32_t Put(const std::string& packet) {
@@ -65,10 +74,9 @@ struct RecognizerRig {
     EXPECT_EQ(record->request->state, STT_REQUEST_IDLE);
   }
   std::string Body(std::size_t exchange) { return executor.exchanges().at(exchange).body; }
-  std::uint32_t DataSize() const { return zelRingBuffer_GetDataSize(record->ring_buffer, 1); }
   // The header pages of the next stream stand in lane 1, and all else is free.
   void ExpectEmpty() const {
-    EXPECT_EQ(DataSize(), kHeaderPages);
+    EXPECT_EQ(zelRingBuffer_GetDataSize(record->ring_buffer, 1), kHeaderPages);
     EXPECT_EQ(zelRingBuffer_GetDataSize(record->ring_buffer, 0), host.ring_bytes - kHeaderPages);
     EXPECT_EQ(FilledSlots(), 0);
   }
@@ -86,5 +94,4 @@ struct RecognizerRig {
   const SttRecognizerHn handle;
   SttRecognizer* const record;
   const SttRecognizerInterface* const slots;
-  Reports reports_of_destroy;
 };

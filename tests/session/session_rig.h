@@ -18,7 +18,7 @@ struct LibraryRig {
     EXPECT_EQ(zelRtcSpeechToText_Initialize(nullptr, area.data(), area.size()), 1u);
   }
   ~LibraryRig() {
-    zelRtcSpeechToText_Finalize();
+    if (zelRtcSpeechToText_IsInitialized() != 0) zelRtcSpeechToText_Finalize();
     EXPECT_EQ(zelRtcSpeechToText_IsInitialized(), 0u);
   }
   ScriptedHost host;

@@ -1,5 +1,5 @@
 #include <algorithm>
-#include <cstdlib>
+#include <sstream>
 
 #include "session_rig.h"
 
@@ -29,9 +29,6 @@ TEST(Session, RefusesUnusableConfigurations) {
     EXPECT_EQ(library.host.TakeReports(), test.reports);
   }
   EXPECT_TRUE(area.untouched());
-  ZelRtcSpeechToTextSessionConfig config;
-  zelRtcSpeechToTextSession_SetDefaultConfig(&config);
-  EXPECT_EQ(zelRtcSpeechToTextSession_CalculateWorkSize(&config), zelRtcSpeechToTextSession_CalculateWorkSize(nullptr));
 }
 
 TEST(Session, CarvesItsPartsInOrderAtEveryMisalignment) {
@@ -42,16 +39,13 @@ TEST(Session, CarvesItsPartsInOrderAtEveryMisalignment) {
     SessionRig rig(2, misalignment);
     const Blocks& carved = library.host.carvings[0];
     const auto recognizer = carved.at(4);
-    EXPECT_EQ(carved,
-              (Blocks{{40, 8}, {sizeof(SttSessionBody), 8}, {72, 1}, {16, 8}, recognizer, {16, 8}, recognizer}));
+    const auto node = std::pair{std::uint64_t{sizeof(SttRecognizerNode)}, 8u};
+    EXPECT_EQ(carved, (Blocks{{40, 8}, {sizeof(SttSessionBody), 8}, {72, 1}, node, recognizer, node, recognizer}));
     EXPECT_EQ(recognizer.second, 1u);
     EXPECT_EQ(std::ranges::count(library.host.calculations, carved), 2);
     EXPECT_EQ(rig.session->own_work, nullptr);
     EXPECT_EQ(rig.session->registry_link.item, rig.session);
     EXPECT_EQ(probe.session->registry_link.next, &rig.session->registry_link);
-    EXPECT_EQ(rig.body->free_list.count, 2u);
-    EXPECT_EQ(rig.body->free_list.tail->recognizer->instance->request->authorization, rig.body->authorization);
-
     for (const int32_t size : {rig.area.size() - 1, 1, -1}) {
       WorkArea small(rig.area.size());
       EXPECT_EQ(zelRtcSpeechToTextSession_Create(&rig.config, small.data(), size), nullptr);
@@ -62,28 +56,20 @@ TEST(Session, CarvesItsPartsInOrderAtEveryMisalignment) {
   }
 }
 
-TEST(Session, NeedsTheLibrary) {
-  ScriptedHost host;
-  EXPECT_EQ(zelRtcSpeechToTextSession_Create(nullptr, nullptr, 0), nullptr);
-  EXPECT_EQ(zelRtcSpeechToTextSession_Destroy(nullptr), 0u);
-  EXPECT_EQ(host.TakeReports(), (Reports{"0 E2022102100 -6", "0 E2022102105 -6"}));
-}
-
-TEST(Session, TakesItsAreaFromTheApplicationsAllocator) {
+TEST(Session, NeedsTheLibraryAndAnArea) {
+  {
+    ScriptedHost host;
+    EXPECT_EQ(zelRtcSpeechToTextSession_Create(nullptr, nullptr, 0), nullptr);
+    EXPECT_EQ(zelRtcSpeechToTextSession_Destroy(nullptr), 0u);
+    EXPECT_EQ(host.TakeReports(), (Reports{"0 E2022102100 -6", "0 E2022102105 -6"}));
+  }
   LibraryRig library;
-  const ZelRtcSpeechToTextSessionConfig config = {4, 10, 0, 2};
-  WorkArea area(100);
   EXPECT_EQ(zelRtcSpeechToTextSession_Destroy(nullptr), 0u);
+  WorkArea area(100);
   EXPECT_EQ(zelRtcSpeechToTextSession_Create(nullptr, nullptr, 100), nullptr);
-  EXPECT_EQ(library.host.TakeReports(),
-            (Reports{"0 E2022102104 -2", "0 E2022102101:User allocator function has not been set."}));
-  zelRtcSpeechToText_SetUserMallocFunction([](void*, uint32_t size) { return std::malloc(size); }, nullptr);
-  zelRtcSpeechToText_SetUserFreeFunction([](void*, void* block) { std::free(block); }, nullptr);
-  ZelRtcSpeechToTextSessionHn session = zelRtcSpeechToTextSession_Create(&config, area.data(), 0);
-  ASSERT_NE(session, nullptr);
-  EXPECT_EQ(session->own_work, session);
-  EXPECT_EQ(zelRtcSpeechToTextSession_Destroy(session), 1u);
-  EXPECT_TRUE(area.untouched());
+  EXPECT_EQ(zelRtcSpeechToTextSession_Create(nullptr, area.data(), 0), nullptr);
+  const std::string unset = "0 E2022102101:User allocator function has not been set.";
+  EXPECT_EQ(library.host.TakeReports(), (Reports{"0 E2022102104 -2", unset, unset}));
 }
 
 TEST(Session, CountsMembersAsASignedNumber) {
@@ -98,20 +84,22 @@ TEST(Session, MemberOperationsFindActiveMembers) {
   LibraryRig library;
   SessionRig rig(3);
   const ZelRtcSpeechToTextSessionHn session = rig.session;
-  const auto not_found = [](const char* identifier, const std::string& id) {
-    return std::string("1 ") + identifier + ":Not found specified client(%s).|" + id;
+  const auto expect_refused = [&](ZelRtcSpeechToTextSessionHn handle, const char* id, const Reports& reports) {
+    EXPECT_EQ(zelRtcSpeechToTextSession_EnableMember(handle, id, 1), 0u);
+    EXPECT_EQ(zelRtcSpeechToTextSession_IsEnabledMember(handle, id), 0u);
+    EXPECT_EQ(zelRtcSpeechToTextSession_SetLanguage(handle, id, 9), 0u);
+    EXPECT_EQ(zelRtcSpeechToTextSession_GetLanguage(handle, id), -1);
+    EXPECT_EQ(library.host.TakeReports(), reports);
   };
   const auto expect_missing = [&](const std::string& id) {
-    EXPECT_EQ(zelRtcSpeechToTextSession_EnableMember(session, id.c_str(), 1), 0u);
-    EXPECT_EQ(zelRtcSpeechToTextSession_IsEnabledMember(session, id.c_str()), 0u);
-    EXPECT_EQ(zelRtcSpeechToTextSession_SetLanguage(session, id.c_str(), 9), 0u);
-    EXPECT_EQ(zelRtcSpeechToTextSession_GetLanguage(session, id.c_str()), -1);
-    EXPECT_EQ(library.host.TakeReports(), (Reports{not_found("W2022102700", id), not_found("W2022110822", id),
-                                                   not_found("W2022102702", id), not_found("W2022102703", id)}));
+    const std::string text = ":Not found specified client(%s).|" + id;
+    expect_refused(session, id.c_str(),
+                   {"1 W2022102700" + text, "1 W2022110822" + text, "1 W2022102702" + text, "1 W2022102703" + text});
   };
+  expect_refused(nullptr, "id", Refusals("102846 102848 102827 102828"));
+  expect_refused(session, nullptr, Refusals("102702 102849 102829 102830"));
   expect_missing("");  // free recognizers carry the empty id
   SttRecognizerHn first = rig.Acquire("same"), second = rig.Acquire("same");
-  rig.Acquire("other");
   expect_missing("sam");
   expect_missing("same ");
   EXPECT_EQ(zelRtcSpeechToTextSession_EnableMember(session, "same", 5), 1u);
@@ -122,35 +110,39 @@ TEST(Session, MemberOperationsFindActiveMembers) {
   EXPECT_EQ(zelRtcSpeechToTextSession_SetLanguage(session, "same", 3), 0u);
   EXPECT_EQ(library.host.TakeReports(), Reports{"0 E2022111425 -2"});
   EXPECT_EQ(zelRtcSpeechToTextSession_GetLanguage(session, "same"), 2);
-  EXPECT_EQ(rig.slots->ReleaseRecognizer(rig.body, first), 1u);
+  EXPECT_EQ(rig.Release(first), 1u);
   EXPECT_EQ(zelRtcSpeechToTextSession_GetLanguage(session, "same"), 0) << "now the second";
-  rig.slots->ReleaseAllRecognizers(rig.body);
+  EXPECT_EQ(rig.Release(second), 1u);
   expect_missing("same");
-
-  for (const ZelRtcSpeechToTextSessionHn refused : {ZelRtcSpeechToTextSessionHn{}, session}) {
-    EXPECT_EQ(zelRtcSpeechToTextSession_EnableMember(refused, nullptr, 1), 0u);
-    EXPECT_EQ(zelRtcSpeechToTextSession_IsEnabledMember(refused, nullptr), 0u);
-    EXPECT_EQ(zelRtcSpeechToTextSession_SetLanguage(refused, nullptr, 9), 0u);
-    EXPECT_EQ(zelRtcSpeechToTextSession_GetLanguage(refused, nullptr), -1);
-  }
-  EXPECT_EQ(library.host.TakeReports(), Refusals("102846 102848 102827 102828 102702 102849 102829 102830"));
 }
 
-TEST(Session, HoldsTheRegistryMutexAlone) {
-  LibraryRig library;  // mutex 0 is the registry's, then come the session's and its recognizers'
-  SessionRig rig(2);
-  rig.Acquire("a");
-  rig.slots->Attach(rig.body);
-  rig.slots->Update(rig.body);
-  rig.slots->ResetRecognizersA(rig.body);
-  rig.slots->ReleaseAllRecognizers(rig.body);
-  rig.slots->Detach(rig.body);
-  rig.Destroy();
-  for (const auto& [held, taken] : library.host.lock_pairs) {
-    EXPECT_EQ(held, 1) << "only a session's mutex is held while another is taken";
-    EXPECT_GE(taken, 2);
+// Finalization destroys what is detached, whatever stands around it, and can be repeated until nothing is attached.
+TEST(Session, IsDestroyedByFinalizationUnlessItIsAttached) {
+  for (unsigned pattern = 0; pattern < 8; ++pattern) {
+    SCOPED_TRACE("attached: " + std::to_string(pattern));
+    LibraryRig library;
+    SessionRig rigs[] = {SessionRig(1), SessionRig(1), SessionRig(1)};
+    std::vector<SessionRig*> attached;
+    Reports refusals;
+    for (SessionRig& rig : rigs) {
+      const ZelRtcSpeechToTextSessionHn session = std::exchange(rig.session, nullptr);
+      if ((pattern >> (&rig - rigs) & 1) == 0) continue;
+      rig.slots->Attach(rig.body);
+      attached.push_back(&rig);
+      std::ostringstream refusal;
+      refusal << "0 E2022102623:Failed to destroy this handle(0x%08x). Please detach this handle from "
+              << "ZelRtcRoomSessionHn.|" << std::hex << reinterpret_cast<std::uintptr_t>(session);
+      refusals.push_back(refusal.str());
+    }
+    zelRtcSpeechToText_Finalize();
+    EXPECT_EQ(library.host.TakeReports(), refusals);
+    EXPECT_EQ(zelRtcSpeechToText_IsInitialized(), attached.empty() ? 0u : 1u);
+    EXPECT_EQ(library.host.Live()[kThreads], static_cast<int>(attached.size()));
+    EXPECT_EQ(library.host.timer_depth, attached.empty() ? 0 : 2);
+    for (SessionRig* rig : attached)
+      EXPECT_EQ(rig->slots->Detach(rig->body), 1u);
+    if (!attached.empty()) zelRtcSpeechToText_Finalize();
   }
-  EXPECT_FALSE(library.host.lock_pairs.empty());
 }
 
 }  // namespace

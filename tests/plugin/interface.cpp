@@ -1,0 +1,2 @@
+// The same walk, compiled as C++.
+#include "interface.c"  // NOLINT(bugprone-suspicious-include)

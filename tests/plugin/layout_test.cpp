@@ -1,2 +1,0 @@
-// The same walk, compiled as C++.
-#include "layout_test.c"  // NOLINT(bugprone-suspicious-include)
