@@ -1,6 +1,8 @@
 #include "http_script.h"
 
-#include <charconv>
+#include <algorithm>
+#include <functional>
+#include <sstream>
 
 namespace kit {
 
@@ -11,6 +13,12 @@ std::string Reply(std::string_view status, std::string_view body, std::string_vi
   return reply.append("Content-Length: ").append(std::to_string(body.size())).append("\r\n\r\n").append(body);
 }
 
+std::string RequestHash(std::string_view request) {
+  constexpr std::size_t kDigits = 6;
+  const std::string digits = std::string(kDigits, '0') + std::to_string(std::hash<std::string_view>()(request));
+  return digits.substr(digits.size() - kDigits);
+}
+
 std::string Pack(const std::vector<std::string>& texts) {
   std::string packed;
   for (const std::string& text : texts)
@@ -18,15 +26,12 @@ std::string Pack(const std::vector<std::string>& texts) {
   return packed;
 }
 
-std::vector<std::string> Unpack(std::string_view packed) {
+std::vector<std::string> Unpack(const std::string& packed) {
   std::vector<std::string> texts;
-  while (!packed.empty()) {
-    std::size_t size = 0;
-    const char* end = packed.data() + packed.size();
-    const auto [colon, error] = std::from_chars(packed.data(), end, size);
-    if (error != std::errc() || colon == end || size > static_cast<std::size_t>(end - colon - 1)) break;
-    texts.emplace_back(colon + 1, size);
-    packed = std::string_view(colon + 1 + size, static_cast<std::size_t>(end - colon - 1) - size);
+  std::istringstream stream(packed);
+  for (std::size_t size = 0; stream >> size && stream.ignore();) {
+    texts.emplace_back(std::min(size, packed.size()), '\0');
+    stream.read(texts.back().data(), static_cast<std::streamsize>(texts.back().size()));
   }
   return texts;
 }
@@ -34,25 +39,22 @@ std::vector<std::string> Unpack(std::string_view packed) {
 std::string PackScripts(const std::vector<Script>& scripts) {
   std::vector<std::string> packed;
   for (const Script& script : scripts) {
-    std::vector<std::string> fields;
-    for (const Step& step : script) {
-      fields.push_back(std::to_string(static_cast<int>(step.kind)));
-      fields.push_back(step.text);
-      fields.push_back(std::to_string(static_cast<int>(step.identity)));
-    }
-    packed.push_back(Pack(fields));
+    std::vector<std::string> steps;
+    for (const auto& [kind, text, identity] : script)
+      steps.push_back(Pack({std::to_string(static_cast<int>(kind)), text, std::to_string(static_cast<int>(identity))}));
+    packed.push_back(Pack(steps));
   }
   return Pack(packed);
 }
 
-std::vector<Script> UnpackScripts(std::string_view packed) {
+std::vector<Script> UnpackScripts(const std::string& packed) {
   std::vector<Script> scripts;
-  for (const std::string& one : Unpack(packed)) {
-    const std::vector<std::string> fields = Unpack(one);
-    Script& script = scripts.emplace_back();
-    for (std::size_t i = 0; i + 2 < fields.size(); i += 3) {
-      script.push_back({static_cast<Step::Kind>(std::stoi(fields[i])), fields[i + 1],
-                        static_cast<Identity>(std::stoi(fields[i + 2]))});
+  for (const std::string& script : Unpack(packed)) {
+    scripts.emplace_back();
+    for (const std::string& step : Unpack(script)) {
+      const std::vector<std::string> fields = Unpack(step);
+      scripts.back().push_back({static_cast<Step::Kind>(std::stoi(fields.at(0))), fields.at(1),
+                                static_cast<Identity>(std::stoi(fields.at(2)))});
     }
   }
   return scripts;

@@ -44,51 +44,36 @@ struct Step {
 
 using Script = std::vector<Step>;
 
-// The usual steps by name.
-inline Step ReadRequest() {
-  return {Step::Kind::kReadRequest};
-}
-inline Step ReadHead() {
-  return {Step::Kind::kReadHead};
-}
-inline Step ReadSome() {
-  return {Step::Kind::kReadSome};
-}
-inline Step Send(std::string text) {
-  return {Step::Kind::kSend, std::move(text)};
-}
-inline Step SendPlain(std::string text) {
-  return {Step::Kind::kSendPlain, std::move(text)};
-}
-inline Step Flood(std::string text) {
-  return {Step::Kind::kFlood, std::move(text)};
-}
-inline Step Trickle(std::string text) {
-  return {Step::Kind::kTrickle, std::move(text)};
-}
-inline Step Sip() {
-  return {Step::Kind::kSip};
-}
-inline Step Stall() {
-  return {Step::Kind::kStall};
-}
+// The steps by name: ReadRequest(), Send(text) and so on.
+template <Step::Kind kKind>
+struct StepMaker {
+  Step operator()(std::string text = {}) const { return {kKind, std::move(text)}; }
+};
+inline constexpr StepMaker<Step::Kind::kReadRequest> ReadRequest;
+inline constexpr StepMaker<Step::Kind::kReadHead> ReadHead;
+inline constexpr StepMaker<Step::Kind::kReadSome> ReadSome;
+inline constexpr StepMaker<Step::Kind::kSend> Send;
+inline constexpr StepMaker<Step::Kind::kSendPlain> SendPlain;
+inline constexpr StepMaker<Step::Kind::kFlood> Flood;
+inline constexpr StepMaker<Step::Kind::kTrickle> Trickle;
+inline constexpr StepMaker<Step::Kind::kSip> Sip;
+inline constexpr StepMaker<Step::Kind::kStall> Stall;
+inline constexpr StepMaker<Step::Kind::kReset> Reset;
+inline constexpr StepMaker<Step::Kind::kDrop> Drop;
 inline Step Tls(Identity identity = Identity::kTrusted) {
   return {Step::Kind::kTls, {}, identity};
-}
-inline Step Drop() {
-  return {Step::Kind::kDrop};
-}
-inline Step Reset() {
-  return {Step::Kind::kReset};
 }
 
 // A reply with a Content-Length; `headers` are whole lines.
 std::string Reply(std::string_view status, std::string_view body, std::string_view headers = "");
 
+// Six digits that tell one request, head and body, from another.
+std::string RequestHash(std::string_view request);
+
 // Texts as one text, each behind its length, and back; a text that was not made so gives as many as can be read.
 std::string Pack(const std::vector<std::string>& texts);
-std::vector<std::string> Unpack(std::string_view packed);
+std::vector<std::string> Unpack(const std::string& packed);
 std::string PackScripts(const std::vector<Script>& scripts);
-std::vector<Script> UnpackScripts(std::string_view packed);
+std::vector<Script> UnpackScripts(const std::string& packed);
 
 }  // namespace kit

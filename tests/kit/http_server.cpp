@@ -36,41 +36,29 @@ std::size_t AnnouncedBody(const std::string& head) {
   return at == std::string::npos ? 0 : std::strtoul(head.c_str() + at + 18, nullptr, 10);
 }
 
-void Raise(int event) {
-  const std::uint64_t one = 1;
-  if (write(event, &one, sizeof one) != sizeof one) std::abort();
-}
-
 }  // namespace
 
-class HttpServer::State {
- public:
-  explicit State(std::vector<Script> scripts);
+struct HttpServer::State {
+  class Connection;
+
+  explicit State(std::vector<Script> given);
   ~State();
   State(const State&) = delete;
   State& operator=(const State&) = delete;
 
-  std::uint16_t port() const { return port_; }
-  void Release() { Raise(release_); }
-  std::vector<std::string> requests() const;
-
- private:
-  class Connection;
-
   void Accept();
-  void Record(std::string request);
   SSL_CTX* Context(Identity identity);
 
-  std::vector<Script> scripts_;
-  int listener_ = -1;
-  int release_ = -1;  // readable once released
-  int stop_ = -1;     // readable once the server ends
-  std::uint16_t port_ = 0;
-  mutable std::mutex mutex_;  // guards requests_ and contexts_
-  std::vector<std::string> requests_;
-  std::map<Identity, ContextPointer> contexts_;
-  std::list<std::thread> connections_;  // the accepting thread's until it ends
-  std::thread acceptor_;
+  const std::vector<Script> scripts;
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int release = eventfd(0, EFD_CLOEXEC);  // readable once released
+  const int stop = eventfd(0, EFD_CLOEXEC);     // readable once the server ends
+  std::uint16_t port = 0;
+  std::mutex mutex;  // guards requests and contexts
+  std::vector<std::string> requests;
+  std::map<Identity, ContextPointer> contexts;
+  std::list<std::jthread> connections;  // the accepting thread's until it ends
+  std::thread acceptor;
 };
 
 // One accepted connection; closed with it.
@@ -97,7 +85,7 @@ class HttpServer::State::Connection {
       case Step::Kind::kReadSome:
         return ReadSome();
       case Step::Kind::kSend:
-        return Write(Replace(step.text, "{port}", std::to_string(server_->port_)));
+        return Write(Replace(Replace(step.text, "{port}", std::to_string(server_->port)), "{hash}", hash_));
       case Step::Kind::kSendPlain:
         return WritePlain(step.text);
       case Step::Kind::kFlood:
@@ -111,7 +99,7 @@ class HttpServer::State::Connection {
         }
         return false;
       case Step::Kind::kStall:
-        return Wait(-1, server_->release_);
+        return Wait(-1, server_->release);
       case Step::Kind::kTls:
         return StartTls(step.identity);
       case Step::Kind::kReset:
@@ -136,13 +124,13 @@ class HttpServer::State::Connection {
 
  private:
   bool WaitReadable() {
-    pollfd events[] = {{socket_, POLLIN, 0}, {server_->stop_, POLLIN, 0}};
+    pollfd events[] = {{socket_, POLLIN, 0}, {server_->stop, POLLIN, 0}};
     return poll(events, 2, -1) > 0 && events[1].revents == 0;
   }
 
   // Waits for `milliseconds` (-1: for ever) or for `event`; false when the client has gone or the server ends.
   bool Wait(int milliseconds, int event) {
-    pollfd events[] = {{socket_, POLLRDHUP, 0}, {server_->stop_, POLLIN, 0}, {event, POLLIN, 0}};
+    pollfd events[] = {{socket_, POLLRDHUP, 0}, {server_->stop, POLLIN, 0}, {event, POLLIN, 0}};
     poll(events, 3, milliseconds);
     return events[0].revents == 0 && events[1].revents == 0;
   }
@@ -153,19 +141,13 @@ class HttpServer::State::Connection {
     return ssl_ != nullptr ? SSL_read(ssl_, bytes, size) : recv(socket_, bytes, static_cast<std::size_t>(size), 0);
   }
 
-  bool Write(const std::string& text) {
-    for (std::size_t sent = 0; sent < text.size();) {
-      const std::size_t left = text.size() - sent;
-      const long count = ssl_ != nullptr ? SSL_write(ssl_, text.data() + sent, static_cast<int>(left))
-                                         : send(socket_, text.data() + sent, left, MSG_NOSIGNAL);
-      if (count <= 0) return false;
-      sent += static_cast<std::size_t>(count);
-    }
-    return true;
-  }
-
   bool WritePlain(const std::string& text) {
     return send(socket_, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+  }
+
+  bool Write(const std::string& text) {
+    if (ssl_ == nullptr || text.empty()) return WritePlain(text);
+    return SSL_write(ssl_, text.data(), static_cast<int>(text.size())) > 0;
   }
 
   bool ReadRequest(bool with_body) {
@@ -181,7 +163,9 @@ class HttpServer::State::Connection {
       wanted = end + 4 + (with_body ? AnnouncedBody(request.substr(0, end)) : 0);
     }
     const bool complete = request.size() >= wanted;
-    server_->Record(std::move(request));
+    hash_ = RequestHash(request);
+    const std::lock_guard lock(server_->mutex);
+    server_->requests.push_back(std::move(request));
     return complete;
   }
 
@@ -212,49 +196,33 @@ class HttpServer::State::Connection {
   State* server_;
   int socket_;
   SSL* ssl_ = nullptr;
+  std::string hash_;  // of the request read last
   bool reset_ = false;
 };
 
-HttpServer::State::State(std::vector<Script> scripts) : scripts_(std::move(scripts)) {
-  listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  release_ = eventfd(0, EFD_CLOEXEC);
-  stop_ = eventfd(0, EFD_CLOEXEC);
+HttpServer::State::State(std::vector<Script> given) : scripts(std::move(given)) {
   sockaddr_in address = {};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t size = sizeof address;
   auto* generic = reinterpret_cast<sockaddr*>(&address);
-  if (bind(listener_, generic, size) != 0 || listen(listener_, 128) != 0 ||
-      getsockname(listener_, generic, &size) != 0) {
+  if (bind(listener, generic, size) != 0 || listen(listener, 128) != 0 || getsockname(listener, generic, &size) != 0)
     throw std::runtime_error("no server on loopback");
-  }
-  port_ = ntohs(address.sin_port);
-  acceptor_ = std::thread([this] { Accept(); });
+  port = ntohs(address.sin_port);
+  acceptor = std::thread([this] { Accept(); });
 }
 
 HttpServer::State::~State() {
-  Raise(stop_);
-  acceptor_.join();
-  for (std::thread& connection : connections_)
-    connection.join();
-  close(listener_);
-  close(release_);
-  close(stop_);
-}
-
-std::vector<std::string> HttpServer::State::requests() const {
-  const std::lock_guard lock(mutex_);
-  return requests_;
-}
-
-void HttpServer::State::Record(std::string request) {
-  const std::lock_guard lock(mutex_);
-  requests_.push_back(std::move(request));
+  eventfd_write(stop, 1);
+  acceptor.join();
+  connections.clear();
+  for (const int descriptor : {listener, release, stop})
+    close(descriptor);
 }
 
 SSL_CTX* HttpServer::State::Context(Identity identity) {
-  const std::lock_guard lock(mutex_);
-  ContextPointer& context = contexts_[identity];
+  const std::lock_guard lock(mutex);
+  ContextPointer& context = contexts[identity];
   if (context == nullptr) context = Authority::Get().MakeContext(identity);
   return context.get();
 }
@@ -266,12 +234,12 @@ void HttpServer::State::Accept() {
   sigaddset(&pipe, SIGPIPE);
   pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
   for (std::size_t number = 0;; ++number) {
-    pollfd events[] = {{listener_, POLLIN, 0}, {stop_, POLLIN, 0}};
+    pollfd events[] = {{listener, POLLIN, 0}, {stop, POLLIN, 0}};
     if (poll(events, 2, -1) < 0 || events[1].revents != 0) return;
-    const int socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    const int socket = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (socket < 0) continue;
-    const Script& script = scripts_[number < scripts_.size() ? number : scripts_.size() - 1];
-    connections_.emplace_back([this, socket, &script] {
+    const Script& script = scripts[number < scripts.size() ? number : scripts.size() - 1];
+    connections.emplace_back([this, socket, &script] {
       Connection connection(this, socket);
       for (const Step& step : script) {
         if (!connection.Run(step)) break;
@@ -282,17 +250,18 @@ void HttpServer::State::Accept() {
 }
 
 HttpServer::HttpServer(std::vector<Script> scripts) : state_(std::make_unique<State>(std::move(scripts))) {
-  port_ = state_->port();
+  port_ = state_->port;
 }
 
 HttpServer::~HttpServer() = default;
 
 void HttpServer::Release() {
-  state_->Release();
+  eventfd_write(state_->release, 1);
 }
 
 std::vector<std::string> HttpServer::requests() const {
-  return state_->requests();
+  const std::lock_guard lock(state_->mutex);
+  return state_->requests;
 }
 
 void TrustTestAuthority() {
@@ -301,9 +270,8 @@ void TrustTestAuthority() {
 
 void UseNoProxy() {
   for (const char* name :
-       {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"}) {
+       {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"})
     unsetenv(name);
-  }
 }
 
 }  // namespace kit

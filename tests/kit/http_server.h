@@ -19,7 +19,8 @@ namespace kit {
 
 class HttpServer {
  public:
-  // The n-th connection runs the n-th script; further ones run the last. "{port}" in texts becomes the server's port.
+  // The n-th connection runs the n-th script; further ones run the last. "{port}" in texts becomes the server's port,
+  // "{hash}" the RequestHash of the connection's last request.
   explicit HttpServer(std::vector<Script> scripts);
   explicit HttpServer(Script script) : HttpServer(std::vector<Script>{std::move(script)}) {}
   ~HttpServer();
@@ -36,7 +37,7 @@ class HttpServer {
   std::vector<std::string> requests() const;
 
  private:
-  class State;
+  struct State;
   std::uint16_t port_ = 0;
   std::unique_ptr<State> state_;
 };

@@ -59,7 +59,7 @@ class Control {
 
 }  // namespace
 
-class HttpServer::State : public Control {};
+struct HttpServer::State : Control {};
 
 HttpServer::HttpServer(std::vector<Script> scripts) : state_(std::make_unique<State>()) {
   port_ = static_cast<std::uint16_t>(std::stoi(state_->Ask({"serve", PackScripts(scripts)}).at(0)));

@@ -8,8 +8,6 @@
 
 namespace {
 
-ScriptedExecutor* g_executor;
-
 std::optional<std::string> Optional(const char* text) {
   return text != nullptr ? std::optional<std::string>(text) : std::nullopt;
 }
@@ -20,44 +18,11 @@ ScriptedReply Recognized(const std::string& text) {
   return {R"({"result":"success","version":"1.0","speaker":"user01","text":")" + text + "\"}"};
 }
 
-ScriptedExecutor::ScriptedExecutor() {
-  g_executor = this;
-}
-ScriptedExecutor::~ScriptedExecutor() {
-  g_executor = nullptr;
-}
-
-void ScriptedExecutor::Reply(ScriptedReply reply) {
-  const std::lock_guard lock(mutex_);
-  replies_.push_back(std::move(reply));
-}
-
-void ScriptedExecutor::Hold() {
-  const std::lock_guard lock(mutex_);
-  held_ = true;
-}
-
-void ScriptedExecutor::LetGo() {
-  const std::lock_guard lock(mutex_);
-  held_ = false;
-  changed_.notify_all();
-}
-
-void ScriptedExecutor::WaitForExchanges(std::size_t n) {
-  std::unique_lock lock(mutex_);
-  changed_.wait(lock, [&] { return exchanges_.size() >= n; });
-}
-
-std::vector<Exchange> ScriptedExecutor::exchanges() {
-  const std::lock_guard lock(mutex_);
-  return exchanges_;
-}
-
 ScriptedReply ScriptedExecutor::Execute(Exchange exchange) {
   std::unique_lock lock(mutex_);
   exchanges_.push_back(std::move(exchange));
   changed_.notify_all();
-  changed_.wait(lock, [this] { return !held_; });
+  changed_.wait(lock, [this] { return !held_.load(); });
   if (replies_.empty()) return {};
   ScriptedReply reply = std::move(replies_.front());
   replies_.pop_front();
@@ -75,7 +40,7 @@ std::int32_t zelWreq_Execute(const WreqRequest* request, WreqResponse* response)
   for (std::int32_t i = 0; i < request->num_headers; ++i)
     exchange.headers.emplace_back(request->headers[i].key, request->headers[i].value);
   exchange.body.assign(reinterpret_cast<const char*>(request->data), static_cast<std::size_t>(request->data_len));
-  const ScriptedReply reply = g_executor->Execute(std::move(exchange));
+  const ScriptedReply reply = ScriptedExecutor::current->Execute(std::move(exchange));
   if (reply.result != WREQ_EXECUTE_BODY_TOO_BIG) response->status_code = reply.status_code;
   if (reply.result == WREQ_EXECUTE_FAILED) response->error_kind = reply.error_kind;
   if (reply.result != WREQ_EXECUTE_OK) return reply.result;

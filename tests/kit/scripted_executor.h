@@ -4,6 +4,7 @@
 // Thread rule: workers execute on their threads; script and look at exchanges from the test's.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -34,24 +35,42 @@ struct Exchange {
 
 class ScriptedExecutor {
  public:
-  ScriptedExecutor();
-  ~ScriptedExecutor();
+  ScriptedExecutor() { current = this; }
+  ~ScriptedExecutor() { current = nullptr; }
   ScriptedExecutor(const ScriptedExecutor&) = delete;
   ScriptedExecutor& operator=(const ScriptedExecutor&) = delete;
 
-  void Reply(ScriptedReply reply);       // for one exchange, first come first served; then the default
-  void Hold();                           // exchanges do not end until
-  void LetGo();                          // this
-  void WaitForExchanges(std::size_t n);  // until n have begun
-  std::vector<Exchange> exchanges();
+  // For one exchange, first come first served; then the default.
+  void Reply(ScriptedReply reply) {
+    const std::lock_guard lock(mutex_);
+    replies_.push_back(std::move(reply));
+  }
+  // Exchanges do not end until LetGo.
+  void Hold() { held_ = true; }
+  void LetGo() {
+    const std::lock_guard lock(mutex_);
+    held_ = false;
+    changed_.notify_all();
+  }
+  // Until n have begun.
+  void WaitForExchanges(std::size_t n) {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return exchanges_.size() >= n; });
+  }
+  std::vector<Exchange> exchanges() {
+    const std::lock_guard lock(mutex_);
+    return exchanges_;
+  }
 
   // Records the exchange and answers it.
   ScriptedReply Execute(Exchange exchange);
 
+  inline static ScriptedExecutor* current;
+
  private:
   std::mutex mutex_;
   std::condition_variable changed_;
-  bool held_ = false;
+  std::atomic<bool> held_ = false;
   std::deque<ScriptedReply> replies_;
   std::vector<Exchange> exchanges_;
 };

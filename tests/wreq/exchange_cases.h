@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "http_server.h"
-#include "watched_calls.h"
 #include "wreq_execute.h"
 
 struct ExchangeRequest {
@@ -17,11 +16,11 @@ struct ExchangeRequest {
   std::string method = "POST";
   std::vector<std::pair<std::string, std::string>> headers = {};
   std::string body = "{}";
-  std::int32_t timeout_sec = 5;
-  std::optional<std::string> user = {};
-  std::optional<std::string> password = {};
+  std::int32_t timeout_sec = 60;
+  std::optional<std::string> user = {}, password = {};
   std::optional<std::uint32_t> buffer_size = 1232;  // none: no buffer
-  Orders orders = {};                               // to the platform
+  std::string proxy = {};                           // the user's proxy list, "{port}" the server's
+  int failing_allocation = 0;                       // the n-th of the executor fails
 };
 
 struct ExchangeOutcome {
@@ -48,6 +47,7 @@ struct ExchangeCase {
   std::vector<std::string> sent = {};      // pieces of all requests, joined, in this order
   std::vector<std::string> not_sent = {};  // pieces that the last request must not have
   OnWindows windows = {};
+  bool slow = false;                    // ends with a time-out of the last phase; the ones in front may need more time
   std::vector<kit::Script> other = {};  // of a second server, "{other}" in replies; not_sent is about its requests then
 };
 
@@ -66,8 +66,10 @@ inline constexpr char kEndIsEnd[] =
 inline constexpr char kChannelError[] = "Wine has one number for all that can happen in a handshake";
 inline constexpr char kWineRedirects[] =
     "Wine resolves locations wrongly, and follows 302 with the old length and no body";
-inline constexpr char kWineReset[] = "Wine ends with any of several numbers, or none, when a connection is reset";
-inline constexpr char kWineChunks[] = "Wine takes most malformed or incomplete chunks for the end of the body";
+inline constexpr char kWineReplies[] =
+    "Wine reads replies in its own way: status lines, heads, lengths, chunks, and where they end";
+inline constexpr char kWineProxies[] =
+    "Wine sends another request to proxies, and does not look at what a tunnel answers";
 inline constexpr char kWineWaits[] =
     "Wine waits without limit for a head or in a handshake, and counts time from the last byte";
 
@@ -79,6 +81,12 @@ inline std::vector<kit::Script> Ok(std::string_view body) {
 }
 inline std::string Hop(std::string_view status, const std::string& location, const std::string& more = "") {
   return kit::Reply(status, "gone", "Location: " + location + "\r\n" + more);
+}
+
+// A case that does not run on Windows.
+inline ExchangeCase NotOnWindows(const char* reason, ExchangeCase c) {
+  c.windows.reason = reason;
+  return c;
 }
 
 inline ExchangeOutcome Success(std::string body, std::uint32_t status = 200) {
@@ -105,8 +113,6 @@ std::vector<ExchangeCase> ReplyCases();
 std::vector<ExchangeCase> RefusedCases();
 // TLS.
 std::vector<ExchangeCase> SecureCases();
-// One operation of the platform after the other fails.
-std::vector<ExchangeCase> FailedCallCases();
 
 // The rest is made by generators, in hostile_cases.cpp.
 

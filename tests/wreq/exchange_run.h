@@ -17,20 +17,12 @@ constexpr bool kWindows = false;
 // Installs the bridge services that the executor reports through; no proxy, and the test authority trusted.
 void PrepareExchanges();
 
-// Copied: texts are only good during the call. Not to the heap, which is watched.
-struct ExchangeReport {
-  std::uint32_t level;
-  char text[128];
-  std::uint64_t error;
-  char name[64];
-};
-
 struct Execution {
   std::int32_t result;
   WreqResponse response;
   std::vector<std::uint8_t> buffer;
-  std::vector<ExchangeReport> reports;
-  bool allocation_failed;  // as ordered
+  std::vector<std::string> reports;  // "<level> <format>", then "|<error>|<name>" when the report has a number
+  bool allocation_failed;            // as ordered
 };
 
 // What every number of the response record is before an execution.

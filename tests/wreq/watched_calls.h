@@ -1,10 +1,9 @@
-// The executor's calls of the platform and of the heap, counted, and failing on demand. watched_names.h and the
-// linker lead them here.
+// The executor's calls of the heap and those that give it something of the platform's: counted, and scripted on demand.
+// CMakeLists.txt leads them here.
 //
 // Thread rule: each thread has its own watch.
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 struct Holdings {
@@ -14,19 +13,11 @@ struct Holdings {
   bool operator==(const Holdings&) const = default;
 };
 
-// What makes calls fail or answer otherwise.
-struct Orders {
-  const char* failing_call = nullptr;  // operation of the platform, without "WinHttp"
-  int failing_count = 1;               // its n-th call fails
-  std::uint32_t error = 0;             // and leaves this last error
-  int failing_allocation = 0;          // the n-th allocation fails; 0: none, or it has failed
-  std::string proxy = {};  // the user's proxy list, "{port}" the server's; a bypass list and a script come along
-};
-
 struct Watch {
-  Orders orders;
+  int failing_allocation = 0;  // the n-th one fails; 0: none, or it has failed
+  std::string proxy = {};      // the user's proxy list, if not the platform's; a bypass list and a script come along
   Holdings held = {};
 };
 
-// From now on `watch` follows the calls of the calling thread; null: nothing does.
-void SetWatch(Watch* watch);
+// From now on `watch` follows the calls of the calling thread; null: nothing does. Returns what did so far.
+Watch* SetWatch(Watch* watch);
