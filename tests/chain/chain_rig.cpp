@@ -26,3 +26,7 @@ std::vector<std::string> ChainTest::take_reports() {
 std::string recognized(const std::string& text) {
   return R"({"result":"success","version":"1.0","speaker":"s","text":")" + text + "\"}";
 }
+
+std::string success(const std::string& text) {
+  return kit::Reply("200 OK", recognized(text));
+}

@@ -1,10 +1,11 @@
-// What the tests of the whole chain share: reports that are kept, and a bounded wait.
+// What the tests of the whole chain share: reports that are kept, replies, and a bounded wait.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <mutex>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,5 +35,10 @@ void wait_until(Step step, Done done) {
   }
 }
 
-// A reply that reports success.
+inline std::span<const std::uint8_t> bytes_of(const std::string& packet) {
+  return {reinterpret_cast<const std::uint8_t*>(packet.data()), packet.size()};
+}
+
+// The JSON of a reply that reports success, and the whole reply.
 std::string recognized(const std::string& text);
+std::string success(const std::string& text);

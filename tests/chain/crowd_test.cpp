@@ -1,14 +1,14 @@
-// A full room: members who speak at once, come and go and change their language, and a service of varying speed.
+// A full room: members who speak at once, come and go and change their language.
 #include <gmock/gmock.h>
-#include <httplib.h>
 
+#include <atomic>
 #include <map>
 #include <random>
 
 #include "chain_rig.h"
+#include "http_server.h"
 #include "library.h"
 #include "ogg_pages.h"
-#include "opus_speech.h"
 #include "room.h"
 
 namespace {
@@ -21,85 +21,36 @@ constexpr int kVisits = 2;  // of each member
 constexpr int kUtterances = 10;
 const char* const kLanguages[] = {"ja-JP", "en-US", "zh-CN"};
 
-// Answers with the speaker, the language, and a hash of the body.
-std::string answer_to(const std::string& speaker, const std::string& language, const std::string& body) {
-  return speaker + " " + language + " " + std::to_string(std::hash<std::string>()(body));
-}
-
-class HashingService {
- public:
-  HashingService() {
-    server_.new_task_queue = [] { return new httplib::ThreadPool(kMembers); };
-    server_.Post("/stt", [this](const httplib::Request& request, httplib::Response& response) {
-      const std::string speaker = request.get_param_value("speaker");
-      unsigned delay = 0;
-      {
-        std::lock_guard hold(lock_);
-        bodies_[speaker].push_back(request.body);
-        delay = static_cast<unsigned>(random_() % 4);
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(delay));  // the service's work
-      const std::string answer = answer_to(speaker, request.get_param_value("language"), request.body);
-      response.set_content(recognized(answer), "application/json");
-    });
-    port_ = server_.bind_to_any_port("127.0.0.1");
-    thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running())
-      std::this_thread::yield();
-  }
-  ~HashingService() {
-    server_.stop();
-    thread_.join();
-  }
-
-  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/stt"; }
-  std::map<std::string, std::vector<std::string>> bodies() {
-    std::lock_guard hold(lock_);
-    return bodies_;
-  }
-
- private:
-  httplib::Server server_;
-  int port_ = 0;
-  std::thread thread_;
-  std::mutex lock_;
-  std::mt19937 random_{kSeed};
-  std::map<std::string, std::vector<std::string>> bodies_;  // by speaker, as they arrived
-};
-
 struct Utterance {
-  std::string language;
+  std::string request_line;
   std::vector<std::string> packets;
 };
 
 class Crowd : public ChainTest {
  protected:
-  Crowd() {
-    room_.set_endpoint(service_.url());
-    room_.set_token("token");
-  }
-
   // All visits of one member, on a thread of its own.
   void visit(std::uint32_t id) {
     std::mt19937 random(kSeed + id);
     for (int round = 0; round < kVisits; ++round) {
       const std::string client = std::to_string(id) + (round == 0 ? ".first" : ".again");
       std::vector<Utterance> said;
-      std::size_t language = 0;
+      std::uint32_t language = 0;
       {
         std::lock_guard hold(roster_);
         room_.add_member(id, client);
       }
       for (int i = 0; i < kUtterances; ++i) {
         if (room_.waiting(id) == 0) {  // nothing is on its way in the old language
-          language = random() % 3;
+          language = static_cast<std::uint32_t>(random() % 3);
           std::lock_guard hold(roster_);
-          EXPECT_TRUE(session_.set_language(client, static_cast<std::uint32_t>(language)));
+          EXPECT_TRUE(session_.set_language(client, language));
         }
-        const std::size_t length = 5 + random() % 20;
-        const auto first = speech_.begin() + static_cast<std::ptrdiff_t>(random() % (speech_.size() - length));
-        said.push_back({kLanguages[language], {first, first + static_cast<std::ptrdiff_t>(length)}});
-        for (const std::string& packet : said.back().packets)
+        Utterance& utterance = said.emplace_back();
+        utterance.request_line =
+            std::string("POST /stt?language=") + kLanguages[language] + "&speaker=" + client + " HTTP/1.1\r\n";
+        for (std::size_t left = 5 + random() % 20; left > 0; --left)
+          utterance.packets.emplace_back(1 + random() % 256, static_cast<char>(random()));
+        for (const std::string& packet : utterance.packets)
           feed(id, packet);
         for (int silence = 0; silence < 7; ++silence)
           feed(id, {});
@@ -112,14 +63,18 @@ class Crowd : public ChainTest {
     --visitors_;
   }
   void feed(std::uint32_t id, const std::string& packet) {
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(packet.data());
     FrameResult result{};
-    wait_until([] {}, [&] { return (result = room_.feed(id, {bytes, packet.size()})) != FrameResult::kFull; });
+    const auto fed = [&] { return (result = room_.feed(id, bytes_of(packet))) != FrameResult::kFull; };
+    wait_until([] {}, fed);
     ASSERT_EQ(result, FrameResult::kTaken);
   }
+  static std::vector<std::string> requests_of(const std::string& client, std::vector<std::string> requests) {
+    std::erase_if(requests,
+                  [&](const auto& each) { return each.find("&speaker=" + client + " ") > each.find("\r\n"); });
+    return requests;
+  }
 
-  const std::vector<std::string> speech_ = encode_recording("goforward.raw");
-  HashingService service_;
+  const kit::HttpServer service_{kit::Script{kit::ReadRequest(), kit::Send(success("{hash}"))}};
   const Library library_;
   Session session_{session_config(kMembers)};
   std::map<std::string, std::vector<RoomText>> texts_;  // the pumping thread's
@@ -130,6 +85,7 @@ class Crowd : public ChainTest {
 };
 
 TEST_F(Crowd, EveryUtteranceIsAnsweredOnceInOrderAndForItself) {
+  room_.set_endpoint("http://127.0.0.1:" + std::to_string(service_.port()) + "/stt");
   std::vector<std::thread> members;
   for (std::uint32_t id = 1; id <= kMembers; ++id)
     members.emplace_back([this, id] { visit(id); });
@@ -139,19 +95,19 @@ TEST_F(Crowd, EveryUtteranceIsAnsweredOnceInOrderAndForItself) {
   room_.close();
   EXPECT_THAT(take_reports(), testing::IsEmpty());
 
-  const auto bodies = service_.bodies();
-  EXPECT_EQ(bodies.size(), kMembers * kVisits);
+  const std::vector<std::string> all_requests = service_.requests();
+  EXPECT_EQ(all_requests.size(), kMembers * kVisits * kUtterances);
   ASSERT_EQ(said_.size(), kMembers * kVisits);
   for (const auto& [client, utterances] : said_) {
     const std::vector<RoomText>& texts = texts_[client];
+    const std::vector<std::string> requests = requests_of(client, all_requests);
     ASSERT_EQ(texts.size(), utterances.size()) << client;
-    ASSERT_EQ(bodies.at(client).size(), utterances.size()) << client;
+    ASSERT_EQ(requests.size(), utterances.size()) << client;
     for (std::size_t i = 0; i < utterances.size(); ++i) {
       SCOPED_TRACE(client + ", utterance " + std::to_string(i) + ", seed " + std::to_string(kSeed));
-      const std::string& body = bodies.at(client)[i];
-      ExpectOpusStream(body, utterances[i].packets);
-      EXPECT_EQ(decode_stream(body).size(), 1920 * utterances[i].packets.size());
-      EXPECT_EQ(texts[i].text, answer_to(client, utterances[i].language, body));
+      EXPECT_THAT(requests[i], testing::StartsWith(utterances[i].request_line));
+      ExpectOpusStream(requests[i].substr(requests[i].find("\r\n\r\n") + 4), utterances[i].packets);
+      EXPECT_EQ(texts[i].text, kit::RequestHash(requests[i]));
       EXPECT_EQ(std::to_string(texts[i].member_id), client.substr(0, client.find('.')));
       EXPECT_GT(texts[i].timestamp_us, i > 0 ? texts[i - 1].timestamp_us : 0);
     }

@@ -2,10 +2,12 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <functional>
 
 #include "bridge_services.h"
 #include "chain_rig.h"
 #include "http_server.h"
+#include "library.h"
 #include "text_packet.h"
 #include "zel_rtc_speech_to_text.h"
 #include "zel_rtc_speech_to_text_host.h"
@@ -15,6 +17,13 @@ namespace {
 using zel::host::bridge_interface;
 
 std::atomic<int> naps, joins;  // calls of services with which the library waits
+
+kit::Script late_answer() {
+  return {kit::ReadRequest(), kit::Stall(), kit::Send(success("late"))};
+}
+kit::Script answer() {
+  return {kit::ReadRequest(), kit::Send(success("next"))};
+}
 
 // The plug-in without a room around it. Sessions have two members.
 class Waiting : public ChainTest {
@@ -31,8 +40,8 @@ class Waiting : public ChainTest {
     };
     const ZelBaseRtcBridgeInterface record = {ZEL_BASE_RTC_BRIDGE_VERSION, &table_};
     zelRtcSpeechToText_SetBaseRtcBridgeInterface(&record);
-    std::vector<char>& work = areas_.emplace_back(zelRtcSpeechToText_CalculateWorkSize(nullptr));
-    EXPECT_EQ(zelRtcSpeechToText_Initialize(nullptr, work.data(), static_cast<std::int32_t>(work.size())), 1U);
+    const std::int32_t size = zelRtcSpeechToText_CalculateWorkSize(nullptr);
+    EXPECT_EQ(zelRtcSpeechToText_Initialize(nullptr, area(size), size), 1U);
   }
   ~Waiting() override {
     if (zelRtcSpeechToText_IsInitialized() != 0) zelRtcSpeechToText_Finalize();
@@ -41,15 +50,13 @@ class Waiting : public ChainTest {
     zelRtcSpeechToText_SetBaseRtcBridgeInterface(&bridge_interface());  // ours ends here
   }
 
-  SttSession* create(std::uint16_t port) {
-    ZelRtcSpeechToTextSessionConfig config;
-    zelRtcSpeechToTextSession_SetDefaultConfig(&config);
-    config.max_identifiable_members = 2;
-    std::vector<char>& work = areas_.emplace_back(zelRtcSpeechToTextSession_CalculateWorkSize(&config));
-    SttSession* session =
-        zelRtcSpeechToTextSession_Create(&config, work.data(), static_cast<std::int32_t>(work.size()));
+  void* area(std::int32_t size) { return areas_.emplace_back(size).data(); }
+  SttSession* create(const kit::HttpServer& server) {
+    const ZelRtcSpeechToTextSessionConfig config = zel::host::session_config(2);
+    const std::int32_t size = zelRtcSpeechToTextSession_CalculateWorkSize(&config);
+    SttSession* session = zelRtcSpeechToTextSession_Create(&config, area(size), size);
     EXPECT_NE(session, nullptr);
-    const std::string url = "http://127.0.0.1:" + std::to_string(port) + "/stt";
+    const std::string url = "http://127.0.0.1:" + std::to_string(server.port()) + "/stt";
     EXPECT_EQ(session->interface_table->SetEndpointUrl(session->body, url.c_str(), 1), 1U);
     EXPECT_EQ(session->interface_table->Attach(session->body), 1U);
     return session;
@@ -63,30 +70,29 @@ class Waiting : public ChainTest {
   }
   static std::string hear(SttSession* session, SttRecognizerHn member) {
     zel::host::TextPacket packet;
-    wait_until(
-        [&] {
-          session->interface_table->Update(session->body);
-          packet = zel::host::TextPacket(member->interface_table->PopTextPacket(member->instance));
-        },
-        [&] { return bool(packet); });
+    const auto listen = [&] {
+      session->interface_table->Update(session->body);
+      packet = zel::host::TextPacket(member->interface_table->PopTextPacket(member->instance));
+    };
+    wait_until(listen, [&] { return bool(packet); });
     return std::string(packet.text());
   }
   // Brings one utterance as far as the service.
   static void begin_exchange(SttSession* session, SttRecognizerHn member, const kit::HttpServer& server) {
     say(member);
-    const std::size_t before = server.requests().size();
     session->interface_table->Update(session->body);
-    wait_until([] {}, [&] { return server.requests().size() > before; });
+    wait_until([] {}, [&] { return server.requests().size() == 1; });
   }
   // Runs the operation beside, and lets the service answer once the operation waits.
-  template <typename Operation>
-  static void run_across_the_answer(Operation operation, const std::atomic<int>& waits, kit::HttpServer& server) {
+  static void run_across_the_answer(const std::function<void()>& operation, const std::atomic<int>& waits,
+                                    kit::HttpServer& server) {
     std::atomic<bool> done{false};
+    naps = joins = 0;
     std::thread beside([&] {
       operation();
       done = true;
     });
-    wait_until([] {}, [&] { return waits > 2 || done; });
+    wait_until([] {}, [&] { return waits > 0 || done; });
     EXPECT_FALSE(done) << "has not waited for the service";
     server.Release();
     beside.join();
@@ -97,31 +103,23 @@ class Waiting : public ChainTest {
   std::vector<std::vector<char>> areas_;
 };
 
-kit::Script answer(const std::string& text) {
-  return {kit::ReadRequest(), kit::Send(kit::Reply("200 OK", recognized(text)))};
-}
-kit::Script late_answer() {
-  return {kit::ReadRequest(), kit::Stall(), kit::Send(kit::Reply("200 OK", recognized("late")))};
-}
-
 TEST_F(Waiting, ResetAndReleaseWaitForTheExchangeInFlight) {
-  using Operation = void (*)(SttSession*, SttRecognizerHn);
-  const std::pair<const char*, Operation> operations[] = {
-      {"reset A", [](SttSession* s, SttRecognizerHn) { s->interface_table->ResetRecognizersA(s->body); }},
-      {"reset B", [](SttSession* s, SttRecognizerHn) { s->interface_table->ResetRecognizersB(s->body); }},
-      {"release", [](SttSession* s, SttRecognizerHn m) { s->interface_table->ReleaseRecognizer(s->body, m); }},
-      {"release all", [](SttSession* s, SttRecognizerHn) { s->interface_table->ReleaseAllRecognizers(s->body); }},
+  using Operation = void (*)(const SttSessionInterface&, SttSessionBody*, SttRecognizerHn);
+  const Operation operations[] = {
+      [](auto& api, SttSessionBody* body, SttRecognizerHn) { api.ResetRecognizersA(body); },
+      [](auto& api, SttSessionBody* body, SttRecognizerHn) { api.ResetRecognizersB(body); },
+      [](auto& api, SttSessionBody* body, SttRecognizerHn member) { api.ReleaseRecognizer(body, member); },
+      [](auto& api, SttSessionBody* body, SttRecognizerHn) { api.ReleaseAllRecognizers(body); },
   };
-  for (const auto& [name, operation] : operations) {
-    SCOPED_TRACE(name);
-    kit::HttpServer server({late_answer(), answer("next")});
-    SttSession* session = create(server.port());
+  for (std::size_t i = 0; i < std::size(operations); ++i) {
+    SCOPED_TRACE(i);
+    kit::HttpServer server({late_answer(), answer()});
+    SttSession* session = create(server);
     const SttSessionInterface& api = *session->interface_table;
     SttRecognizerHn member = api.AcquireRecognizer(session->body);
     begin_exchange(session, member, server);
     say(member);  // waits its turn, which will not come
-    naps = 0;
-    run_across_the_answer([&, op = operation] { op(session, member); }, naps, server);
+    run_across_the_answer([&] { operations[i](api, session->body, member); }, naps, server);
     api.Update(session->body);
     EXPECT_EQ(member->interface_table->PopTextPacket(member->instance), nullptr);
     api.ReleaseAllRecognizers(session->body);
@@ -136,31 +134,21 @@ TEST_F(Waiting, ResetAndReleaseWaitForTheExchangeInFlight) {
 }
 
 TEST_F(Waiting, FinalizationSparesAttachedSessionsAndWaitsForTheOthers) {
-  kit::HttpServer server({late_answer(), answer("next")});
+  kit::HttpServer server({late_answer(), answer()});
   const auto refused = testing::ElementsAre(testing::StartsWith("E2022102623:Failed to destroy this handle(0x"));
-  SttSession* detached = create(server.port());
-  SttSession* attached = create(server.port());
+  SttSession* detached = create(server);
+  SttSession* attached = create(server);
   SttRecognizerHn idle = attached->interface_table->AcquireRecognizer(attached->body);
-  SttRecognizerHn busy = detached->interface_table->AcquireRecognizer(detached->body);
-  begin_exchange(detached, busy, server);
+  begin_exchange(detached, detached->interface_table->AcquireRecognizer(detached->body), server);
   detached->interface_table->Detach(detached->body);
-
-  std::atomic<bool> done{false};
-  std::thread beside([&] {
-    zelRtcSpeechToText_Finalize();
-    done = true;
-  });
-  wait_until([] {}, [&] { return joins > 0 || done; });
-  EXPECT_FALSE(done) << "has not waited for the service";
-  server.Release();
-  beside.join();
+  run_across_the_answer(zelRtcSpeechToText_Finalize, joins, server);
   EXPECT_THAT(take_reports(), refused);
   EXPECT_EQ(zelRtcSpeechToText_IsInitialized(), 1U);
   EXPECT_GT(zel::host::clock_users(), 0U);
 
   say(idle);
   EXPECT_EQ(hear(attached, idle), "next") << "goes on as if nothing had happened";
-  SttSession* late = create(server.port());
+  SttSession* late = create(server);
   late->interface_table->Detach(late->body);
   zelRtcSpeechToText_Finalize();
   EXPECT_THAT(take_reports(), refused);

@@ -5,8 +5,6 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <cstdarg>
-#include <cstring>
 #include <string>
 #include <thread>
 
@@ -17,39 +15,14 @@ const BridgeTable& table() {
   return *bridge_interface().table;
 }
 
-[[gnu::format(printf, 3, 4)]] void format(char* destination, std::uint64_t capacity, const char* text, ...) {
-  va_list arguments;
-  va_start(arguments, text);
-  table().string_format(destination, capacity, text, arguments);
-  va_end(arguments);
-}
-
-TEST(BridgeServices, TableIsComplete) {
-  EXPECT_EQ(bridge_interface().version, ZEL_BASE_RTC_BRIDGE_VERSION);
-  std::array<void*, 88> slots;
-  static_assert(sizeof slots == sizeof(BridgeTable));
-  std::memcpy(slots.data(), &table(), sizeof slots);
-  int used = 0;
-  for (const void* slot : slots)
-    used += slot != nullptr ? 1 : 0;
-  EXPECT_EQ(used, 47);
-}
-
 TEST(BridgeServices, StringsAreCutAndTerminated) {
   const std::string source = "hello";
   for (std::size_t capacity = 0; capacity < 8; ++capacity) {
-    std::string expected = capacity == 0 ? "" : source.substr(0, capacity - 1) + '\0';
+    std::string expected = capacity == 0 ? "" : source.substr(0, capacity - 1) + '\0', copied(8, '#');
     expected.resize(8, '#');
-    std::string copied(8, '#'), printed(8, '#');
     table().string_copy(copied.data(), capacity, source.c_str());
-    format(printed.data(), capacity, "%s", source.c_str());
     EXPECT_EQ(copied, expected);
-    // What a formatter leaves behind the terminator is its own affair, but within the capacity.
-    EXPECT_STREQ(printed.c_str(), expected.c_str());
-    EXPECT_EQ(printed.substr(capacity), expected.substr(capacity));
   }
-  EXPECT_EQ(table().string_length("hello"), 5U);
-
   std::string target = "abcd";
   EXPECT_EQ(table().memory_copy(target.data(), 3, "wxyz", 4), 0U);
   EXPECT_EQ(target, "abcd");
@@ -59,18 +32,12 @@ TEST(BridgeServices, StringsAreCutAndTerminated) {
   EXPECT_EQ(target, std::string("w\0\0z", 4));
 }
 
-// Host objects in work areas that begin at each of the eight distances from a multiple of eight in turn.
+// Host objects in work areas that begin `start` bytes behind a multiple of eight.
 struct Objects {
-  static constexpr std::int32_t kSize = ZEL_HOST_OBJECT_WORK_SIZE;
   static constexpr int kTurns = 3000;
 
-  explicit Objects(std::size_t distance) : start(distance) {}
-  static std::array<std::uint8_t, 320> filled() {
-    std::array<std::uint8_t, 320> bytes;
-    bytes.fill(0xEE);
-    return bytes;
-  }
-  void* work(std::size_t object) { return storage.data() + 80 * object + start; }
+  explicit Objects(std::size_t start) : begin(start) { storage.fill(0xEE); }
+  void* work(std::size_t object) { return &storage[80 * object + begin]; }
   void count() {
     for (int i = 0; i < 2000; ++i) {
       table().mutex_lock(mutex);
@@ -88,11 +55,9 @@ struct Objects {
     self.count();
   }
 
-  const std::size_t start;
-  alignas(8) std::array<std::uint8_t, 320> storage = filled();
-  void* const mutex = table().mutex_create(work(0), kSize);
-  void* const ping = table().event_create(work(1), kSize);
-  void* const pong = table().event_create(work(2), kSize);
+  const std::size_t begin;
+  alignas(8) std::array<std::uint8_t, 320> storage;
+  void *mutex = nullptr, *ping = nullptr, *pong = nullptr;
   int counter = 0;  // guarded by the mutex
   std::atomic<int> turns{0};
 };
@@ -101,13 +66,16 @@ TEST(BridgeServices, ObjectsWorkWhereverTheyStand) {
   for (std::size_t start = 0; start < 8; ++start) {
     SCOPED_TRACE(start);
     Objects o(start);
+    o.mutex = table().mutex_create(o.work(0), 72);
+    o.ping = table().event_create(o.work(1), 72);
+    o.pong = table().event_create(o.work(2), 72);
     table().mutex_lock(o.mutex);
     table().mutex_lock(o.mutex);
     for (int i = 0; i < 3; ++i)
       table().event_signal(o.ping);  // nobody waits: they are one signal
     table().event_wait(o.ping);
     // Turn by turn: a lost signal hangs; one that was not used up, or counts twice, breaks the count.
-    void* thread = table().thread_create(o.work(3), Objects::kSize, Objects::partner, &o, "name longer than fits");
+    void* thread = table().thread_create(o.work(3), 72, Objects::partner, &o, "name longer than fits");
     for (int i = 0; i < Objects::kTurns; ++i) {
       EXPECT_EQ(o.turns++, 2 * i);
       table().event_signal(o.ping);
@@ -128,12 +96,12 @@ TEST(BridgeServices, ObjectsWorkWhereverTheyStand) {
     table().mutex_destroy(o.mutex);
     for (std::size_t i = 0; i < o.storage.size(); ++i)
       EXPECT_TRUE((i + 80 - start) % 80 < 72 || o.storage[i] == 0xEE) << "written outside, at " << i;
-
-    EXPECT_EQ(table().mutex_create(nullptr, 72), nullptr);
-    EXPECT_EQ(table().event_create(nullptr, 72), nullptr);
-    EXPECT_EQ(table().thread_create(nullptr, 72, Objects::partner, nullptr, ""), nullptr);
-    EXPECT_EQ(table().mutex_create(o.work(0), 4), nullptr);
-    EXPECT_EQ(table().event_create(o.work(0), -72), nullptr);
+  }
+  std::array<std::uint8_t, 72> work;
+  for (const auto& [area, size] : {std::pair<void*, std::int32_t>{nullptr, 72}, {work.data(), 3}, {work.data(), -72}}) {
+    EXPECT_EQ(table().mutex_create(area, size), nullptr);
+    EXPECT_EQ(table().event_create(area, size), nullptr);
+    EXPECT_EQ(table().thread_create(area, size, Objects::partner, nullptr, ""), nullptr);
   }
 }
 
@@ -154,8 +122,8 @@ TEST(BridgeServices, ClockKeepsTimeAndItsUsersPairUp) {
   const std::uint32_t before = clock_users();
   table().timer_initialize();
   table().timer_initialize();
-  EXPECT_EQ(clock_users(), before + 2);
   table().timer_finalize();
+  EXPECT_EQ(clock_users(), before + 1);
   table().timer_finalize();
   EXPECT_EQ(clock_users(), before);
 }
@@ -164,15 +132,17 @@ TEST(BridgeServices, UserAllocatorCallsWhatWasRegistered) {
   ZelUserAllocatorRecord record{};
   EXPECT_EQ(table().user_allocator_is_set(&record), 0U);
   EXPECT_EQ(table().user_allocator_allocate(&record, 8), nullptr);
+  table().user_allocator_free(&record, &record);  // no release function: nothing to call
   std::uint32_t size = 0;
   void* freed = nullptr;
-  const auto allocate = [](void* object, std::uint32_t bytes) -> void* {
-    *static_cast<std::uint32_t*>(object) = bytes;
-    return object;
-  };
-  table().user_allocator_set_malloc(&record, allocate, &size);
+  table().user_allocator_set_malloc(
+      &record,
+      [](void* object, std::uint32_t bytes) -> void* {
+        *static_cast<std::uint32_t*>(object) = bytes;
+        return object;
+      },
+      &size);
   EXPECT_NE(table().user_allocator_is_set(&record), 0U);
-  table().user_allocator_free(&record, &record);  // no release function: nothing to call
   table().user_allocator_set_free(
       &record, [](void* object, void* pointer) { *static_cast<void**>(object) = pointer; }, &freed);
   EXPECT_EQ(table().user_allocator_allocate(&record, 123), &size);

@@ -18,39 +18,10 @@ const BridgeTable& table() {
   return *bridge_interface().table;
 }
 
-std::uint64_t argument(const char* text) {
-  return reinterpret_cast<std::uintptr_t>(text);
-}
-
-TEST(Reports, FormatsTheirConversionsAndSurvivesTheRest) {
-  const struct {
-    const char* format;
-    std::vector<std::uint64_t> arguments;
-    const char* expected;
-    std::size_t capacity = 200;
-  } cases[] = {
-      {"version %u, but %u.", {539165955, 7}, "version 539165955, but 7."},
-      {"err=%lu(%s)", {12002, argument("time out")}, "err=12002(time out)"},
-      {"handle(0x%08x, 0x%08x)", {0xAB, 0x7FFF'0123'4567}, "handle(0x000000ab, 0x7fff01234567)"},
-      {"%u", {0xFFFF'FFFF'FFFF'FFFF}, "18446744073709551615"},
-      {"%s and %s", {0, argument("%s")}, "(null) and %s"},
-      {"100%% of %s", {argument("it")}, "100% of it"},
-      {"no argument left: %s %u", {}, "no argument left: %s %u"},
-      {"%d %n %-5s %5u %ld %", {1, 2}, "%d %n %-5s %5u %ld %"},
-      {nullptr, {1}, ""},
-      {"cut %s", {argument("off")}, "cut of", 6},
-      {"%u", {12345}, "123", 3},
-  };
-  for (const auto& c : cases) {
-    std::string text(c.capacity, '?');
-    text.resize(format_report(text, c.format, c.arguments));
-    EXPECT_EQ(text, c.expected);
-  }
-}
-
 TEST(Reports, ReachTheSinkWithLevelIdentifierAndCode) {
   const std::string long_text = "E2022101104:" + std::string(5000, 'x');
   const auto report_all = [&long_text] {
+    const auto argument = [](const char* text) { return reinterpret_cast<std::uintptr_t>(text); };
     table().err_notify(0, long_text.c_str());
     table().err_notify1(1, "W2022102700:Not found specified client(%s).", argument("a\nb"));
     table().err_notify2(0, "E2022110401:(ErrorCode:%s, ErrorMessage:%s)", argument("E1"), 0);

@@ -30,7 +30,7 @@ ChildProcess::ChildProcess(std::vector<std::string> command, bool read_output) {
   for (std::string& argument : command)
     arguments.push_back(argument.data());
   arguments.push_back(nullptr);
-  const int error = posix_spawn(&pid_, arguments[0], &actions, nullptr, arguments.data(), environ);
+  const int error = posix_spawnp(&pid_, arguments[0], &actions, nullptr, arguments.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   close(in[0]);
   close(out[1]);

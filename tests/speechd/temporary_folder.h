@@ -12,9 +12,7 @@ namespace speechd_test {
 class TemporaryFolder {
  public:
   TemporaryFolder() {
-    std::string name = std::filesystem::temp_directory_path() / "zel-test-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary folder");
-    path_ = name;
+    if (mkdtemp(path_.data()) == nullptr) throw std::runtime_error("no temporary folder");
   }
   ~TemporaryFolder() {
     std::error_code ignored;
@@ -23,14 +21,14 @@ class TemporaryFolder {
   TemporaryFolder(const TemporaryFolder&) = delete;
   TemporaryFolder& operator=(const TemporaryFolder&) = delete;
 
-  std::string File(const std::string& name) const { return path_ / name; }
+  std::string File(const std::string& name) const { return path_ + "/" + name; }
   std::string File(const std::string& name, const std::string& content) const {
     std::ofstream(File(name), std::ios::binary) << content;
     return File(name);
   }
 
  private:
-  std::filesystem::path path_;
+  std::string path_ = std::filesystem::temp_directory_path() / "zel-test-XXXXXX";
 };
 
 inline std::string ReadFile(const std::string& path) {
