@@ -1,136 +1,94 @@
 // sim: runs the plug-in in simulated rooms, one seed after the other, until it is told to stop or something is found.
+// Every eighth run is made twice and must give the same event log.
+#include <getopt.h>
+
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <map>
-#include <optional>
-#include <string>
+#include <vector>
 
-#include "application.h"
-#include "ledger.h"
+#include "room.h"
+#include "seat.h"
 #include "world.h"
 
 namespace {
 
 constexpr char kUsage[] =
     "usage: sim [options]\n"
-    "  --seed S       the seed to run, or the first one (default: from the clock)\n"
-    "  --seeds N      so many seeds (default: 1 with --seed, otherwise 100)\n"
+    "  --seed S       begins with that seed (default: from the clock); may be given several times\n"
+    "  --seeds N      so many seeds, each time (default: 1 with --seed, otherwise 100)\n"
     "  --seconds N    as many seeds as fit\n"
-    "  --file NAME    the seeds in that file, one a line; '#' begins a comment\n"
-    "  --twice        runs every seed twice and compares the event logs\n"
-    "  --trace        prints the event log\n"
-    "  --steps N      fails a run that takes more scheduling steps\n";
+    "  --trace        prints the event log\n";
 
 using Clock = std::chrono::steady_clock;
-using Number = std::optional<std::uint64_t>;
+using Number = unsigned long long;
 
 struct Options {
-  Number seed, seeds, seconds, steps;
-  std::string file;
-  bool twice = false, trace = false;
+  std::vector<Number> seeds;
+  Number count = 0, seconds = 0;  // 0: not given
+  bool trace = false;
 };
 
-struct Totals {
-  std::uint64_t seeds = 0, steps = 0, simulated = 0;
-};
-
-std::optional<Options> Parse(int count, char** arguments) {
-  Options options;
-  const std::map<std::string_view, bool*> flags = {{"--twice", &options.twice}, {"--trace", &options.trace}};
-  const std::map<std::string_view, Number*> numbers = {{"--seed", &options.seed},
-                                                       {"--seeds", &options.seeds},
-                                                       {"--seconds", &options.seconds},
-                                                       {"--steps", &options.steps}};
-  for (int i = 1; i < count; ++i) {
-    const std::string_view name = arguments[i];
-    if (flags.contains(name)) {
-      *flags.at(name) = true;
-    } else if (++i == count) {
-      return {};
-    } else if (name == "--file") {
-      options.file = arguments[i];
-    } else {
-      char* end = nullptr;
-      const std::uint64_t number = std::strtoull(arguments[i], &end, 10);
-      if (!numbers.contains(name) || end == arguments[i] || *end != '\0') return {};
-      *numbers.at(name) = number;
-    }
+bool Parse(int count, char** arguments, Options& options) {
+  const option known[] = {{"seed", 1, nullptr, 's'},
+                          {"seeds", 1, nullptr, 'n'},
+                          {"seconds", 1, nullptr, 't'},
+                          {"trace", 0, nullptr, 'v'},
+                          {}};
+  for (int name = 0; (name = getopt_long(count, arguments, "", known, nullptr)) != -1;) {
+    char* end = nullptr;
+    const Number number = optarg != nullptr ? std::strtoull(optarg, &end, 10) : 0;
+    if (name == '?' || (optarg != nullptr && (end == optarg || *end != '\0'))) return false;
+    if (name == 's') options.seeds.push_back(number);
+    if (name == 'n') options.count = number;
+    if (name == 't') options.seconds = number;
+    if (name == 'v') options.trace = true;
   }
-  return options;
+  if (options.count == 0) options.count = options.seconds > 0 ? ~Number{0} : options.seeds.empty() ? 100 : 1;
+  const auto now = static_cast<Number>(std::chrono::system_clock::now().time_since_epoch().count());
+  if (options.seeds.empty()) options.seeds.push_back(now % 1'000'000'000'000);
+  return optind == count;
 }
 
 // The hash of the event log.
-std::uint64_t RunOnce(std::uint64_t seed, const Options& options, Totals& totals) {
-  sim::World world(seed, options.trace);
-  world.scheduler.set_limits(options.steps.value_or(50'000'000), 6 * 3600 * sim::kSecond);
-  world.scheduler.Run(sim::RunApplication);
-  totals.steps += world.scheduler.steps();
-  totals.simulated += world.scheduler.now() / sim::kSecond;
-  return world.trace.hash;
+std::uint64_t Run(Number seed, bool trace) {
+  sim::World world(seed, trace);
+  sim::RunApplication();
+  return world.log_hash;
 }
 
-bool RunSeed(std::uint64_t seed, const Options& options, Totals& totals) {
-  ++totals.seeds;
-  const std::uint64_t hash = RunOnce(seed, options, totals);
-  if (!options.twice || RunOnce(seed, options, totals) == hash) return true;
-  std::fprintf(stderr, "FOUND: seed %llu does not replay\n", static_cast<unsigned long long>(seed));
-  return false;
-}
-
-bool RunFile(const Options& options, Totals& totals) {
-  std::ifstream file(options.file);
-  if (!file) {
-    std::fprintf(stderr, "sim: cannot read %s\n", options.file.c_str());
-    return false;
-  }
-  for (std::string line; std::getline(file, line);) {
-    if (line.empty() || line.front() == '#') continue;
-    if (!RunSeed(std::strtoull(line.c_str(), nullptr, 10), options, totals)) return false;
+// Whether nothing was found; `done`: seeds run.
+bool RunAll(const Options& options, Clock::time_point begin, Number& done) {
+  for (const Number first : options.seeds) {
+    std::printf("seeds from %llu\n", first);
+    std::fflush(stdout);
+    for (Number seed = first; seed - first < options.count; ++seed) {
+      if (options.seconds > 0 && Clock::now() - begin >= std::chrono::seconds(options.seconds)) return true;
+      const std::uint64_t hash = Run(seed, options.trace);
+      if (options.trace || done++ % 8 != 0 || Run(seed, false) == hash) continue;
+      std::fprintf(stderr, "FOUND: seed %llu does not replay\n", seed);
+      return false;
+    }
   }
   return true;
-}
-
-bool RunRange(const Options& options, Totals& totals) {
-  const Clock::time_point begin = Clock::now();
-  const auto now = static_cast<std::uint64_t>(std::chrono::system_clock::now().time_since_epoch().count());
-  const std::uint64_t first = options.seed.value_or(now % 1'000'000'000'000);
-  const std::uint64_t count = options.seeds.value_or(options.seconds ? UINT64_MAX : options.seed ? 1 : 100);
-  std::fprintf(stdout, "seeds from %llu\n", static_cast<unsigned long long>(first));
-  std::fflush(stdout);
-  for (std::uint64_t i = 0; i < count; ++i) {
-    if (options.seconds && Clock::now() - begin >= std::chrono::seconds(*options.seconds)) break;
-    if (!RunSeed(first + i, options, totals)) return false;
-  }
-  return true;
-}
-
-void Print(const Totals& totals, double seconds) {
-  for (const auto& [report, count] : sim::ReportTally())
-    std::fprintf(stdout, "%12llu  %s\n", static_cast<unsigned long long>(count), report.c_str());
-  for (int i = 0; i < sim::kCounts; ++i) {
-    std::fprintf(stdout, "%12llu  utterances %s\n",
-                 static_cast<unsigned long long>(sim::UtteranceTotals()[static_cast<std::size_t>(i)]),
-                 sim::kCountNames[i]);
-  }
-  std::fprintf(stdout, "%llu seeds, %llu steps, %.1f h of virtual time in %.1f s: %.0f seeds a minute\n",
-               static_cast<unsigned long long>(totals.seeds), static_cast<unsigned long long>(totals.steps),
-               static_cast<double>(totals.simulated) / 3600, seconds, static_cast<double>(totals.seeds) * 60 / seconds);
 }
 
 }  // namespace
 
 int main(int count, char** arguments) {
-  const std::optional<Options> options = Parse(count, arguments);
-  if (!options) {
+  Options options;
+  if (!Parse(count, arguments, options)) {
     std::fputs(kUsage, stderr);
     return 2;
   }
   sim::CatchCrashes();
-  Totals totals;
+  Number done = 0;
   const Clock::time_point begin = Clock::now();
-  const bool sound = options->file.empty() ? RunRange(*options, totals) : RunFile(*options, totals);
-  Print(totals, std::chrono::duration<double>(Clock::now() - begin).count());
+  const bool sound = RunAll(options, begin, done);
+  const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+  for (const auto& [name, number] : zel::host::kLedgerCounts)
+    if (sim::ledger_totals.*number != 0)
+      std::printf("%12llu  %s\n", static_cast<Number>(sim::ledger_totals.*number), name);
+  std::printf("%llu seeds in %.1f s\n", done, seconds);
   return sound ? 0 : 1;
 }

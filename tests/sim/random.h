@@ -21,7 +21,7 @@ class Random {
   std::uint32_t Between(std::uint32_t low, std::uint32_t high) { return low + Below(high - low + 1); }
   bool OneIn(std::uint32_t n) { return n != 0 && Below(n) == 0; }  // 0: never
   template <typename Range>
-  auto& Pick(const Range& range) {
+  auto& Pick(Range&& range) {
     return range[Below(std::size(range))];
   }
   std::uint32_t Pick(std::initializer_list<std::uint32_t> values) { return values.begin()[Below(values.size())]; }

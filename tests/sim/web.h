@@ -2,10 +2,11 @@
 // archive's own are not linked. It checks how they are used and what is posted, and answers, stalls and fails by seed.
 #pragma once
 
-#include <span>
 #include <string>
+#include <string_view>
 
-#include "ledger.h"
+#include "random.h"
+#include "seat.h"
 
 namespace sim {
 
@@ -17,16 +18,15 @@ void WebExchangeOver(const Seat& seat);
 // What the service answers.
 struct Reply {
   std::string body = {};
-  std::uint32_t status = 200;
   Fate fate = Fate::kFailed;
   std::string text = {};    // to be delivered
-  std::string report = {};  // that the update makes of it; with an exchange that fails, empty
+  std::string report = {};  // that the update makes of it
 };
 // The longest body that the executor takes.
 inline constexpr std::size_t kMaxReply = 1231;
 Reply MakeReply(Random& random, bool plain, std::uint32_t serial);
 
 // What is wrong with `bytes` as the one Ogg Opus stream of that utterance (RFC 3533, RFC 7845), or nothing.
-std::string JudgeStream(std::span<const std::uint8_t> bytes, const Utterance& utterance);
+std::string JudgeStream(std::string_view bytes, const Utterance& utterance);
 
 }  // namespace sim

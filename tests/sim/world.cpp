@@ -4,6 +4,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 
 #if defined(__SANITIZE_ADDRESS__)
 #include <sanitizer/common_interface_defs.h>
@@ -13,47 +14,22 @@ namespace sim {
 
 namespace {
 
-World* g_world;
-
 void SayWhere() {
-  if (g_world == nullptr) return;
-  std::fprintf(stderr, "\n  seed %llu, step %llu, virtual time %.6f s, thread %s\n  replay: sim --seed %llu --trace\n",
-               static_cast<unsigned long long>(g_world->seed),
-               static_cast<unsigned long long>(g_world->scheduler.steps()),
-               static_cast<double>(g_world->trace.now) / 1e6, g_world->trace.who,
-               static_cast<unsigned long long>(g_world->seed));
+  if (the_world == nullptr) return;
+  const auto seed = static_cast<unsigned long long>(the_world->seed);
+  std::fprintf(stderr, "  seed %llu, virtual time %.6f s, thread %s\n  replay: sim --seed %llu --trace\n", seed,
+               static_cast<double>(Now()) / 1e6, the_world->scheduler.current().name.c_str(), seed);
 }
-
-#if !defined(__SANITIZE_ADDRESS__)
-void Crashed(int signal) {
-  std::fprintf(stderr, "FOUND: signal %d", signal);
-  SayWhere();
-  std::_Exit(1);
-}
-#endif
 
 }  // namespace
 
-World::World(std::uint64_t run_seed, bool print)
-    : seed(run_seed),
-      random(run_seed),
-      knobs{random},
-      trace{.print = print},
-      scheduler(random, trace, knobs.switch_one_in, knobs.stall_one_in) {
-  g_world = this;
-}
-
-World::~World() {
-  g_world = nullptr;
-}
-
-World& TheWorld() {
-  return *g_world;
-}
-
-Tally& ReportTally() {
-  static Tally tally;
-  return tally;
+void Note(std::string_view event, std::string_view detail) {
+  char line[256];
+  std::snprintf(line, sizeof line, "%12.6f %-14s %.*s %.*s", static_cast<double>(Now()) / 1e6,
+                the_world->scheduler.current().name.c_str(), static_cast<int>(event.size()), event.data(),
+                static_cast<int>(detail.size()), detail.data());
+  the_world->log_hash = the_world->log_hash * 31 + std::hash<std::string_view>{}(line);
+  if (the_world->print) std::fprintf(stdout, "%s\n", line);
 }
 
 void Fail(const char* format, ...) {
@@ -63,6 +39,7 @@ void Fail(const char* format, ...) {
   va_start(arguments, format);
   std::vfprintf(stderr, format, arguments);
   va_end(arguments);
+  std::fputc('\n', stderr);
   SayWhere();
   std::_Exit(1);
 }
@@ -72,12 +49,10 @@ void CatchCrashes() {
   __sanitizer_set_death_callback(SayWhere);
 #else
   static char stack[16384];
-  stack_t alternative = {};
-  alternative.ss_sp = stack;
-  alternative.ss_size = sizeof stack;
+  const stack_t alternative = {.ss_sp = stack, .ss_flags = 0, .ss_size = sizeof stack};
   sigaltstack(&alternative, nullptr);
   struct sigaction action = {};
-  action.sa_handler = Crashed;
+  action.sa_handler = [](int signal) { Fail("signal %d", signal); };
   action.sa_flags = SA_ONSTACK;
   for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT})
     sigaction(signal, &action, nullptr);
