@@ -60,47 +60,21 @@ int32_t MemberCount(const ZelRtcSpeechToTextSessionConfig& config) {
   return static_cast<int32_t>(config.max_identifiable_members);
 }
 
-// A work area being carved, and cleared on the way: up to the end of each part, except that nested areas are cleared by
-// the objects built in them. So every byte is cleared once, which is most of what creating a large session costs.
-struct Carving {
-  ZelFixedAllocatorRecord allocator;
-  uint8_t* cleared;  // end of what is cleared or has been left to a nested object
-  uint8_t* end;
-};
-
-void ClearTo(Carving* carving, uint8_t* end) {
-  zelMemory_Clear(carving->cleared, static_cast<uint64_t>(end - carving->cleared));
-  carving->cleared = end;
-}
-
-void* Carve(Carving* carving, uint32_t size, uint32_t alignment) {
-  auto* part = static_cast<uint8_t*>(zelFixedAllocator_Allocate(&carving->allocator, size, alignment));
-  if (part != nullptr) ClearTo(carving, part + size);
-  return part;
-}
-
-void* CarveNested(Carving* carving, uint32_t size) {
-  auto* area = static_cast<uint8_t*>(zelFixedAllocator_Allocate(&carving->allocator, size, 1));
-  if (area == nullptr) return nullptr;
-  ClearTo(carving, area);
-  carving->cleared = area + size;
-  return area;
-}
-
 // Carves record and body and fills them; null when a carve fails.
-SttSession* BuildRecords(Carving* carving, void* own_work) {
-  auto* session = static_cast<SttSession*>(Carve(carving, sizeof(SttSession), 8));
+SttSession* BuildRecords(ZelFixedAllocatorRecord* carving, void* own_work) {
+  auto* session = static_cast<SttSession*>(zelFixedAllocator_Allocate(carving, sizeof(SttSession), 8));
   if (session == nullptr) return nullptr;
-  auto* body = static_cast<SttSessionBody*>(Carve(carving, sizeof(SttSessionBody), 8));
+  auto* body = static_cast<SttSessionBody*>(zelFixedAllocator_Allocate(carving, sizeof(SttSessionBody), 8));
   if (body == nullptr) return nullptr;
   *session = {own_work, &zel_stt_session_interface, body, {session, nullptr}};
   return session;
 }
 
-bool CreateRecognizer(Carving* carving, const SttRecognizerConfig& config, int32_t size, SttSessionBody* body) {
-  auto* node = static_cast<SttRecognizerNode*>(Carve(carving, sizeof(SttRecognizerNode), 8));
+bool CreateRecognizer(ZelFixedAllocatorRecord* carving, const SttRecognizerConfig& config, int32_t size,
+                      SttSessionBody* body) {
+  auto* node = static_cast<SttRecognizerNode*>(zelFixedAllocator_Allocate(carving, sizeof(SttRecognizerNode), 8));
   if (node == nullptr) return false;
-  void* work = CarveNested(carving, static_cast<uint32_t>(size));
+  void* work = zelFixedAllocator_Allocate(carving, static_cast<uint32_t>(size), 1);
   if (work == nullptr) return false;
   SttRecognizerHn recognizer = zelSttRecognizer_Create(&config, work, size);
   if (recognizer == nullptr) return false;
@@ -111,8 +85,8 @@ bool CreateRecognizer(Carving* carving, const SttRecognizerConfig& config, int32
 }
 
 // Gives the body its mutex and its recognizers.
-bool BuildBody(Carving* carving, const ZelRtcSpeechToTextSessionConfig& config, SttSessionBody* body) {
-  void* mutex_work = Carve(carving, ZEL_HOST_OBJECT_WORK_SIZE, 1);
+bool BuildBody(ZelFixedAllocatorRecord* carving, const ZelRtcSpeechToTextSessionConfig& config, SttSessionBody* body) {
+  void* mutex_work = zelFixedAllocator_Allocate(carving, ZEL_HOST_OBJECT_WORK_SIZE, 1);
   body->mutex = zelMutex_Create(mutex_work, ZEL_HOST_OBJECT_WORK_SIZE);
   if (body->mutex == nullptr) return false;
   const SttRecognizerConfig recognizer_config = RecognizerConfig(config);
@@ -121,14 +95,13 @@ bool BuildBody(Carving* carving, const ZelRtcSpeechToTextSessionConfig& config, 
   for (int32_t i = 0; i < MemberCount(config); ++i) {
     if (!CreateRecognizer(carving, recognizer_config, size, body)) return false;
   }
-  ClearTo(carving, carving->end);
   return true;
 }
 
 SttSession* BuildSession(const ZelRtcSpeechToTextSessionConfig& config, const SttWorkArea& area) {
-  auto* memory = static_cast<uint8_t*>(area.memory);
-  Carving carving = {{}, memory, memory + area.size};
-  zelFixedAllocator_Create(memory, area.size, &carving.allocator);
+  zelMemory_Clear(area.memory, static_cast<uint64_t>(area.size));
+  ZelFixedAllocatorRecord carving;
+  zelFixedAllocator_Create(area.memory, area.size, &carving);
   SttSession* session = BuildRecords(&carving, area.own);
   const bool built = session != nullptr && BuildBody(&carving, config, session->body);
   if (!built) {
@@ -139,7 +112,7 @@ SttSession* BuildSession(const ZelRtcSpeechToTextSessionConfig& config, const St
       zelWorkArea_Return(area.own);
     }
   }
-  zelFixedAllocator_Destroy(&carving.allocator);
+  zelFixedAllocator_Destroy(&carving);
   return built ? session : nullptr;
 }
 
