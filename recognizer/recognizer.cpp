@@ -241,7 +241,7 @@ uint32_t zelSttRecognizer_Update(SttRecognizerHn handle) {
   if (zelErr_Refuse(handle == nullptr, "E2022111427")) return 0;
   uint32_t* pending = &HandleOf(handle)->pending;
   if (__atomic_load_n(pending, __ATOMIC_SEQ_CST) == 0) return 1;
-  __atomic_store_n(pending, 0, __ATOMIC_SEQ_CST);
+  __atomic_exchange_n(pending, 0, __ATOMIC_SEQ_CST);  // whatever was set last is seen with all before it
   SttRecognizer* recognizer = handle->instance;
   const uint32_t state = zelSttRequest_GetState(recognizer->request);
   if (state == STT_REQUEST_SUCCEEDED) zelSttRecognizer_DeliverText(recognizer);

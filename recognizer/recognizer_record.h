@@ -25,8 +25,8 @@ struct SttRequest;
 inline constexpr int32_t kSttUtteranceSlots = 8;
 inline constexpr uint32_t kSttClientIdSize = 512;
 
-// What a SttRecognizerHn leads to. A session's update reads no more than this of a recognizer that has nothing to do, and
-// the session's list node lies right in front of it.
+// What a SttRecognizerHn leads to. A session's update reads no more than this of a recognizer that has nothing to do,
+// and the session's list node lies right in front of it.
 struct SttRecognizerHandle {
   SttRecognizerPair pair;  // all that the host sees
   uint32_t pending;        // atomic; 1 when an update may find something to do

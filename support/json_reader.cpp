@@ -81,8 +81,8 @@ const JsonNode** TakeScratch(JsonReader* reader, std::size_t size) {
   return children;
 }
 
-// Steps over an escape sequence: six characters for \u, otherwise two, but never past the terminator. A processor foresees
-// these steps; it would have to wait for a computed length.
+// Steps over an escape sequence: six characters for \u, otherwise two, but never past the terminator. A processor
+// foresees these steps; it would have to wait for a computed length.
 char* SkipEscape(char* at) {
   for (int left = at[1] == 'u' ? 6 : 2; left > 0 && *at != '\0'; --left)
     ++at;
@@ -91,7 +91,7 @@ char* SkipEscape(char* at) {
 
 // The next quote or backslash, or `end`. Sixteen bytes at a time while they are there: one at a time, long texts would
 // take three times as long.
-char* FindSpecial(char* at, char* end) {
+char* FindSpecial(char* at, [[maybe_unused]] char* end) {
 #ifdef __SSE2__
   for (; end - at >= 16; at += 16) {
     const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
@@ -201,8 +201,8 @@ char* ParseArray(JsonReader* reader, char* at, const JsonNode** node) {
   return at;
 }
 
-// Reads a pointer that has just been stored, and nothing beside it: a wider load, as compilers like to make of two, would
-// have to wait until both stores have reached the cache.
+// Reads a pointer that has just been stored, and nothing beside it: a wider load, as compilers like to make of two,
+// would have to wait until both stores have reached the cache.
 const JsonNode* ReadAlone(const JsonNode* const* pointer) {
   return *const_cast<const JsonNode* const volatile*>(pointer);
 }

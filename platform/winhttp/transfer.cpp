@@ -50,12 +50,13 @@ long GetLong(CURL* easy, CURLINFO info) {
 }
 
 // libcurl gives the first of several addresses half of what is left for connecting, so it must know when that ends: as
-// long as the name is being resolved, the phase's whole limit from now on. Our own deadline is the earlier one.
-bool GrantConnectTime(Transfer* transfer) {
+// long as the name is being resolved, the phase's whole limit from now on. Whichever deadline is met first gives the
+// same error.
+void GrantConnectTime(Transfer* transfer) {
   const int limit = transfer->limits.milliseconds[TRANSFER_CONNECT];
   const int64_t elapsed = (Now() - transfer->start) / kNanosecondsPerMillisecond + 1;
   const long budget = limit > 0 && limit < INT_MAX - elapsed ? static_cast<long>(limit + elapsed) : INT_MAX;
-  return curl_easy_setopt(transfer->easy, CURLOPT_CONNECTTIMEOUT_MS, budget) == CURLE_OK;
+  curl_easy_setopt(transfer->easy, CURLOPT_CONNECTTIMEOUT_MS, budget);
 }
 
 // The name is resolved. The socket stays out of programs that the process starts.

@@ -115,16 +115,16 @@ BOOL WinHttpCrackUrl(LPCWSTR url, DWORD length, DWORD flags, URL_COMPONENTS* com
 BOOL WinHttpCheckPlatform(void);
 
 // The user's proxies from http_proxy, https_proxy and all_proxy as "http=...;https=...", the exceptions from no_proxy
-// separated by ';'. Null strings where there is nothing; the caller releases the others with GlobalFree. Fails, with null
-// strings, when memory runs out.
+// separated by ';'. Null strings where there is nothing; the caller releases the others with GlobalFree. Fails, with
+// null strings, when memory runs out.
 BOOL WinHttpGetIEProxyConfigForCurrentUser(WINHTTP_CURRENT_USER_IE_PROXY_CONFIG* config);
 
 // A session. Proxy list: "[scheme=][scheme://]host:port" entries separated by ';' or blanks, with NAMED_PROXY;
 // bypass list: host names, "*.suffix" and "<local>", separated likewise. DEFAULT_PROXY: the user's, as above. Flags: 0.
 HINTERNET WinHttpOpen(LPCWSTR agent, DWORD access_type, LPCWSTR proxy, LPCWSTR proxy_bypass, DWORD flags);
 
-// Milliseconds of each phase of what the session's requests send from now on; 0 and -1: unlimited. Without this call: unlimited, 60000,
-// 30000 and 30000.
+// Milliseconds of each phase of what the session's requests send from now on; 0 and -1: unlimited. Without this call:
+// unlimited, 60000, 30000 and 30000.
 BOOL WinHttpSetTimeouts(HINTERNET session, int resolve, int connect, int send, int receive);
 
 // Port 0 stands for the scheme's own port. Nothing is sent yet.

@@ -23,7 +23,7 @@ TEST(Recognizer, CarvesItsPartsInOrderAtEveryMisalignment) {
     const std::vector<Blocks>& carved = rig.host.carvings;
     ASSERT_EQ(carved.size(), 5u);
     const auto any = [&](std::size_t carving, std::size_t part) { return carved[carving].at(part).first; };
-    const Blocks recognizer = {{any(0, 0), 8}, {sizeof(SttRecognizer), 8},
+    const Blocks recognizer = {{24, 8},        {sizeof(SttRecognizer), 8},
                                {any(0, 2), 1}, {64, 1},
                                {any(0, 4), 8}, {8 * 5 + 24, 8},
                                {16, 8},        {5 * 8, 8},

@@ -39,7 +39,7 @@ TEST(Session, CarvesItsPartsInOrderAtEveryMisalignment) {
     SessionRig rig(2, misalignment);
     const Blocks& carved = library.host.carvings[0];
     const auto recognizer = carved.at(4);
-    const auto node = std::pair{std::uint64_t{sizeof(SttRecognizerNode)}, 8u};
+    const auto node = std::pair{std::uint64_t{24}, 8u};
     EXPECT_EQ(carved, (Blocks{{40, 8}, {sizeof(SttSessionBody), 8}, {72, 1}, node, recognizer, node, recognizer}));
     EXPECT_EQ(recognizer.second, 1u);
     EXPECT_EQ(std::ranges::count(library.host.calculations, carved), 2);

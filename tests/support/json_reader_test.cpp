@@ -30,6 +30,7 @@ class Parsed {
     EXPECT_EQ(zelJsonReader_Open(reader_.get(), bytes_.data()), reader_.get());
     std::fflush(stdout);
     printed = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(reader_->cursor != nullptr, succeeded());
     EXPECT_LE(reader_->cursor, bytes_.data() + text.size()) << "read behind the terminator";
   }
   std::string Get(const std::string& key) { return zelJsonReader_GetString(reader_.get(), key.c_str(), kNone); }
