@@ -5,8 +5,8 @@
 // buffer counts both: looking at the counts around each frame and each update shows what was stored, dropped and
 // answered. Which ring buffer is the member's shows the first audio frame, by the one it touches. An update works
 // through the recognizers one after the other and reads last of each the word that every frame reads first, whether the
-// member is enabled; so a report belongs to the member whose word is read next. A failed exchange is reported one update
-// before its utterance is given back, a text that cannot be delivered in the same one.
+// member is enabled; so a report belongs to the member whose word is read next. A failed exchange is reported one
+// update before its utterance is given back, a text that cannot be delivered in the same one.
 //
 // Thread rule: the room's lock.
 #pragma once

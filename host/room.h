@@ -16,10 +16,9 @@
 // (ledger.h says what is counted, member.h how). The session must outlive the room.
 //
 // Thread rule. Every operation may be called from any thread. feed is meant for audio threads: it never throws and
-// never waits for the service. pump, reset, add_member and the setters wait while a recognizer is taken back, which lasts as
-// long as an exchange that is cut off by its leave deadline. Events are called on the thread that pumps, in order, with
-// no lock of the room held: they may call every operation but pump, leave
-// and close.
+// never waits for the service. pump, reset, add_member and the setters wait while a recognizer is taken back, which
+// lasts as long as an exchange that is cut off by its leave deadline. Events are called on the thread that pumps, in
+// order, with no lock of the room held: they may call every operation but pump, leave and close.
 //
 // Errors. feed answers with a FrameResult. All other operations throw RoomError or, without memory, std::bad_alloc, and
 // have changed nothing then; but members go on leaving when leave or close fails while it pumps. The recognition's own
@@ -76,7 +75,8 @@ enum class FrameResult {
   kTaken,
   kDisabled,  ///< the application has disabled the member; the frame was dropped
   kFull,      ///< nothing taken: eight utterances wait, the ring buffer is nearly full, or the room is being reset.
-  ///< The same frame can be fed again after a pump. Refused silence may be forgotten: the utterance then stays open a little
+  // /< The same frame can be fed again after a pump. Refused silence may be forgotten: the utterance then stays open a
+  // little
   ///< longer; refused audio that is not fed again is lost
   kTooLong,       ///< nothing taken: more than kMaxPacketSize bytes
   kNoSuchMember,  ///< nothing taken: not a member, or leaving

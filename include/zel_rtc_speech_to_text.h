@@ -7,9 +7,8 @@
  *  4. Errors are reported through the installed bridge (zel_base_rtc_bridge.h) with an identifier: "E" or "W" and ten
  *     digits. The operation then returns its failure value and has changed nothing. Before a bridge is installed, calls
  *     that need one return their failure value in silence.
- *  5. A null session or client id is refused with a report, a null configuration to be filled or a null bridge record
- *  is
- *     ignored, and a null configuration to be read stands for the defaults.
+ *  5. A null session or client id is refused with a report, a null configuration to be filled or a null bridge
+ *     record is ignored, and a null configuration to be read stands for the defaults.
  *  6. The application owns the work areas it supplies and keeps them untouched until the object built in them is
  *     destroyed. Where it supplies none, the area comes from the functions it registered, and goes back to them.
  *  7. Library functions (zelRtcSpeechToText_*) must not overlap one another or any session call. Member operations of a

@@ -13,8 +13,7 @@
  * that reset a recognizer (slots 5 to 8) wait for its exchange with the service to end, which can take more than a
  * minute. PutAudioFrame takes no lock: calls on one recognizer must not overlap one another, nor a reset, a release or
  * the destruction of that recognizer; they may overlap Update and the application's member operations. PopTextPacket
- * may
- * be called from any thread.
+ * may be called from any thread.
  *
  * The last reference of a packet must be dropped on the thread that drives the session, or under a lock that the host
  * also holds around Update and slots 5 to 8: the envelope's way back into its pool is not guarded.

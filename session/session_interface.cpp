@@ -8,8 +8,8 @@
 
 namespace {
 
-// An update walks the list faster than memory answers: each node lies in a page of its own. So a node tells in good time
-// which one comes later.
+// An update walks the list faster than memory answers: each node lies in a page of its own. So a node tells in good
+// time which one comes later.
 constexpr int kNodesAhead = 8;
 
 void LeadAhead(const SttRecognizerList& list) {

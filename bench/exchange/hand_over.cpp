@@ -1,8 +1,8 @@
 // hand_over: until the worker's thread runs, the worker asleep before. Two inputs tell from when on: "wake", from the
 // moment the request lies ready and the worker is to be woken; "request", from the moment the driving thread hands a
 // request of 10 KB over, which everybody copies, the peers with memcpy and without looking at it. One iteration is one
-// hand-over, its time the latency; p50_us is the median of a repetition, without what the system's other work added here
-// and there.
+// hand-over, its time the latency; p50_us is the median of a repetition, without what the system's other work added
+// here and there.
 #include <benchmark/benchmark.h>
 #include <linux/futex.h>
 #include <sys/syscall.h>

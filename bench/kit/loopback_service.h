@@ -1,8 +1,8 @@
 // A speech service on loopback that answers every request at once with the same reply, in a process of its own: what it
 // does costs the measured process nothing but the waiting.
 //
-// One connection after the other, one exchange each; the service ends the connection first, so that the client's ports do
-// not run out. A request whose target begins with "/echo" gets its own head as the reply instead.
+// One connection after the other, one exchange each; the service ends the connection first, so that the client's ports
+// do not run out. A request whose target begins with "/echo" gets its own head as the reply instead.
 //
 // Thread rule: construct before the process has threads. Errors: constructors throw std::runtime_error.
 #pragma once

@@ -57,8 +57,8 @@ class Recognizer {
 };
 
 // libogg and the ring buffer, nothing else: for each packet the chunk that a page might need, acquired and given back,
-// the packet into libogg, and now and then a page out of it, copied into the chunk, which is cut and committed. The ring
-// buffer is the reference host's, reached through the bridge table by the same calls as in the plug-in.
+// the packet into libogg, and now and then a page out of it, copied into the chunk, which is cut and committed. The
+// ring buffer is the reference host's, reached through the bridge table by the same calls as in the plug-in.
 class Limit {
  public:
   Limit() {

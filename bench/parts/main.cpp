@@ -1,7 +1,7 @@
 // The hot paths beside the libraries they stand on and what people would use instead.
 //
-// Arguments: those of the benchmark library; or --count alone, under callgrind with --collect-atstart=no: then each case
-// runs once, its instructions are dumped under the trigger "<name> <units>", and nothing is timed.
+// Arguments: those of the benchmark library; or --count alone, under callgrind with --collect-atstart=no: then each
+// case runs once, its instructions are dumped under the trigger "<name> <units>", and nothing is timed.
 #include <benchmark/benchmark.h>
 #include <valgrind/callgrind.h>
 

@@ -1,7 +1,7 @@
 // What libogg itself costs: the stream that the plug-in writes, written by the calls of libogg that it takes and by
-// nothing else. One packet is held back, so that the last one can be marked as the end of the stream; a page's bytes are
-// copied to where they are wanted. There are no checks, no host services and no memory limit, and libogg allocates its
-// own storage.
+// nothing else. One packet is held back, so that the last one can be marked as the end of the stream; a page's bytes
+// are copied to where they are wanted. There are no checks, no host services and no memory limit, and libogg allocates
+// its own storage.
 #pragma once
 
 #include <ogg/ogg.h>

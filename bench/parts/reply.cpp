@@ -1,7 +1,7 @@
-// Row "reply". A unit: a reply copied into the buffer where a worker leaves it, parsed, its members looked up and copied
-// as the recognition request does: result, version, speaker and text of a success, otherwise result, version, error code
-// and message. Texts are kept as raw JSON; the general parsers decode escape sequences besides. A run copies eight
-// replies before it reads the first, because a reply has always been in its buffer for a while when it is read.
+// Row "reply". A unit: a reply copied into the buffer where a worker leaves it, parsed, its members looked up and
+// copied as the recognition request does: result, version, speaker and text of a success, otherwise result, version,
+// error code and message. Texts are kept as raw JSON; the general parsers decode escape sequences besides. A run copies
+// eight replies before it reads the first, because a reply has always been in its buffer for a while when it is read.
 #include <array>
 #include <memory>
 #include <stdexcept>

@@ -1,5 +1,5 @@
-// The executor on a platform of the test's own, which notes every call of its with its arguments and fails when told to:
-// the order and the arguments of its calls, and what it does when one of them fails.
+// The executor on a platform of the test's own, which notes every call of its with its arguments and fails when told
+// to: the order and the arguments of its calls, and what it does when one of them fails.
 #include <gtest/gtest.h>
 #include <windows.h>
 

@@ -44,8 +44,8 @@ std::string Worker(const std::string& number) {
   return "0 E2022121" + number + ":Failed create wreq async handle.\n";
 }
 
-// The carves of one recognizer: handle, record, formatter and its seven parts, ring buffer, pool; the pool's; the rest of
-// the pool, queue, stack, items, texts, mutex, request, its record, reader and worker; the worker's; six buffers.
+// The carves of one recognizer: handle, record, formatter and its seven parts, ring buffer, pool; the pool's; the rest
+// of the pool, queue, stack, items, texts, mutex, request, its record, reader and worker; the worker's; six buffers.
 Faults RecognizerCarves() {
   Faults worker;
   for (const char* number : {"304", "305", "335", "306", "336", "307", "308", "309", "310", "313", "314", "315"})

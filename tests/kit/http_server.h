@@ -1,8 +1,8 @@
 // A server on loopback that does to each connection what a script says and keeps what the client sent. It knows no HTTP
 // beyond the end of a request, so replies can be as wrong as a test wants.
 //
-// On Linux it runs in the test's process. On Windows it runs in kit-server, a Linux process beside the test at the address
-// in ZEL_TEST_SERVER, and this is its remote control (control_link.h).
+// On Linux it runs in the test's process. On Windows it runs in kit-server, a Linux process beside the test at the
+// address in ZEL_TEST_SERVER, and this is its remote control (control_link.h).
 //
 // Thread rule: every operation may be called from any thread. The destructor lets waiting connections go on and joins.
 #pragma once

@@ -75,7 +75,8 @@ std::vector<std::string> HttpServer::requests() const {
   return state_->Ask({"requests"});
 }
 
-// Into the user's store of trusted roots. Only for a user made for the tests, such as that of a Wine prefix of their own.
+// Into the user's store of trusted roots. Only for a user made for the tests, such as that of a Wine prefix of their
+// own.
 void TrustTestAuthority() {
   const std::string certificate = Control().Ask({"authority"}).at(0);
   const HCERTSTORE store =

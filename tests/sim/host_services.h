@@ -10,7 +10,8 @@ namespace sim {
 
 const BridgeTable& HostTable();
 
-// The application's allocation functions: areas at any address, filled with garbage, watched for writes behind their end.
+// The application's allocation functions: areas at any address, filled with garbage, watched for writes behind their
+// end.
 void* Allocate(void* object, std::uint32_t size);
 void Release(void* object, void* memory);
 

@@ -38,8 +38,9 @@ std::byte* TakeStack() {
   return static_cast<std::byte*>(area) + kGuardSize;
 }
 
-// __builtin_longjmp must not be called by the function that holds the matching __builtin_setjmp. The frame is abandoned:
-// it holds nothing whose address is taken, or AddressSanitizer's red zones around that would stay behind in the stack.
+// __builtin_longjmp must not be called by the function that holds the matching __builtin_setjmp. The frame is
+// abandoned: it holds nothing whose address is taken, or AddressSanitizer's red zones around that would stay behind in
+// the stack.
 [[noreturn, gnu::noinline]] void Jump(Fiber* to) {
   const bool started = to->started;
   to->started = true;

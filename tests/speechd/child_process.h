@@ -20,8 +20,8 @@ struct Output {
 
 class ChildProcess {
  public:
-  // `command` begins with the program, which is looked up in the PATH. With nobody to read it, the output meets a closed
-  // pipe.
+  // `command` begins with the program, which is looked up in the PATH. With nobody to read it, the output meets a
+  // closed pipe.
   explicit ChildProcess(std::vector<std::string> command, bool read_output = true);
   // Kills the program when it is still there.
   ~ChildProcess();

@@ -32,7 +32,8 @@ struct ExchangeOutcome {
   std::uint32_t kind = 0;   // class that the number belongs to
 };
 
-// What the exchange is on Windows where it is rightly another. Without an outcome and pieces, the case does not run there.
+// What the exchange is on Windows where it is rightly another. Without an outcome and pieces, the case does not run
+// there.
 struct OnWindows {
   const char* reason = nullptr;  // none: nothing differs
   std::optional<ExchangeOutcome> expected = {};

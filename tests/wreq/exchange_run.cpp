@@ -72,7 +72,8 @@ void ExpectNothingOf(const std::vector<std::string>& pieces, const std::vector<s
     EXPECT_EQ(last.find(piece), std::string::npos) << piece << "\nin:\n" << last;
 }
 
-// Runs the case against servers of its own; false, without a verdict, when a phase in front of the slow one took too long.
+// Runs the case against servers of its own; false, without a verdict, when a phase in front of the slow one took too
+// long.
 bool RunOnce(ExchangeCase c) {
   std::optional<kit::HttpServer> other;
   if (!c.other.empty()) {
