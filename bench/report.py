@@ -30,9 +30,10 @@ class Row:
     extra_text: str = ""
     peers: dict = field(default_factory=dict)  # most that the plug-in may take, in peers
     metrics: tuple = ("",)  # "" is the program's own time; else "cpu", "wall", or the name of a counter
+    growth: float | None = None  # most that an input may take, in the cheapest input of the same kind before it
 
     def target(self):
-        parts = []
+        parts = [f"≤ {self.growth:g} × smaller rooms"] if self.growth else []
         if self.limit is not None:
             parts.append(f"≤ {self.limit:g} × limit{self.extra_text}")
         parts += [f"≤ {share:g} × {peer}" for peer, share in self.peers.items()]
@@ -55,7 +56,7 @@ ROWS = {
     "pipeline": Row("pipeline, CPU per second of audio", "s", 1.10, peers={"libavformat": 0.25},
                     metrics=("cpu_per_second_of_audio",)),
     "last_words": Row("last words, p50", "ms", 1.0, 1.0, " + 1 ms", metrics=("p50_ms",)),
-    "growth": Row("growth, per member", "ns", None, metrics=("ns_member",)),
+    "growth": Row("growth, per member", "ns", None, metrics=("ns_member",), growth=1.1),
 }
 
 GATED = ("container/plugin/speech", "audio_frame/plugin/speech", "reply/plugin/400_success")
@@ -90,7 +91,10 @@ def read_times(files):
     found = {}
     for file in files:
         for entry in json.loads(Path(file).read_text())["benchmarks"]:
-            if entry.get("run_type") == "aggregate" or entry.get("error_occurred"):
+            if entry.get("run_type") == "aggregate":
+                continue
+            if entry.get("error_occurred"):
+                print(f"{entry['name']}: {entry.get('error_message', 'failed')}", file=sys.stderr)
                 continue
             row, contestant, *rest = base_name(entry["name"]).split("/", 2)
             if row not in ROWS:
@@ -148,8 +152,17 @@ def verdict(row, contestants, limit, to_limit):
     return "met" if met else "MISSED"
 
 
+def growth_verdict(most, ours, cheapest):
+    """Inputs come by size. Where a room's data no longer fits the cache a member costs more: said, not judged."""
+    if not cheapest:
+        return "smallest"
+    ratio = ours / min(cheapest)
+    return "flat" if ratio <= most else f"{ratio:.2f} × cheapest smaller"
+
+
 def times_table(found):
     lines = [("row", "input", "plug-in", "to limit", "quartiles", "target", "verdict", "to others")]
+    smaller = {}  # medians by row and kind of input, in rows of growth
     for (name, variant, metric), contestants in found.items():
         row = ROWS[name]
         if "plugin" not in contestants:
@@ -162,11 +175,16 @@ def times_table(found):
             to_peer = ratios(ours, slices) if peer not in ("plugin", limit) else None
             if to_peer:
                 others.append(f"{peer} {to_peer[1]:.2f}")
+        judged = verdict(row, contestants, limit, to_limit)
+        if row.growth:
+            cheapest = smaller.setdefault((name, variant.rpartition("_")[0]), [])
+            judged = growth_verdict(row.growth, median(ours), cheapest)
+            cheapest.append(median(ours))
         label = " ".join(part for part in (variant, metric if metric in ("cpu", "wall") else "") if part)
         lines.append((row.title, label, pretty(median(ours), row.unit),
                       f"{to_limit[1]:.2f}" if to_limit else "",
                       f"{to_limit[0]:.2f}–{to_limit[2]:.2f}" if to_limit else "",
-                      row.target(), verdict(row, contestants, limit, to_limit), ", ".join(others)))
+                      row.target(), judged, ", ".join(others)))
     return lines
 
 

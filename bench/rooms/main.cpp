@@ -1,5 +1,5 @@
-// Benchmarks of many members at once. With --measure-memory as the only argument: what memory.cpp runs as a process of
-// its own.
+// Benchmarks of many members at once. With --measure-memory and a contestant's name as the only arguments: what
+// memory.cpp runs as a process of its own.
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -11,7 +11,7 @@
 int main(int argc, char** argv) {
   for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"})
     unsetenv(name);
-  if (argc == 2 && std::strcmp(argv[1], "--measure-memory") == 0) return rooms::PrintMemory();
+  if (argc == 3 && std::strcmp(argv[1], "--measure-memory") == 0) return rooms::PrintMemory(argv[2]);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   rooms::InitializeLibrary();

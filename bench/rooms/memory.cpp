@@ -2,7 +2,10 @@
 //
 // Counters, in bytes per recognizer: `bytes_created`, after the session's creation; `bytes`, after 10,000 utterances, what
 // exchanges leave on the stacks and heaps of their threads included; `growth`, from 2,500 utterances to 10,000.
-// Limit: a recognizer's share of the session's work size, and nothing for its thread. Kernel memory does not count.
+// Limit: a recognizer's share of the session's work size, and nothing for its thread. Peer `curl_threads`: that share and
+// a thread that makes as many exchanges with bare libcurl, measured in the same way; `thread` is what the thread takes.
+// Input `no_cache`: with the C library told not to keep, for each thread, what libcurl has given back. Kernel memory does
+// not count.
 #include "memory.h"
 
 #include <benchmark/benchmark.h>
@@ -13,6 +16,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -28,8 +32,9 @@ constexpr std::uint32_t kMembers = 250;
 constexpr std::size_t kEarlyUtterances = 2500;  // ten of each member: until then the allocator's caches fill
 constexpr std::size_t kUtterances = 10'000;
 constexpr std::size_t kSpokenFrames = 25;
-constexpr std::size_t kGroup = 25;  // members who speak at a time: what a service has to keep waiting
-constexpr int kMaxPolls = 60'000;   // of a millisecond, for one group
+constexpr std::size_t kGroup = 25;       // members who speak at a time: what a service has to keep waiting
+constexpr std::size_t kBodySize = 2500;  // about an utterance's stream
+constexpr int kMaxPolls = 60'000;        // of a millisecond, for one group
 constexpr char kReply[] = R"({"result":"success","version":"1","speaker":"x","text":"as it was said"})";
 
 double Resident() {
@@ -74,46 +79,60 @@ void Converse(rooms::RoomSession& session, std::size_t first, std::size_t count)
   }
 }
 
-void ConverseUntil(rooms::RoomSession& session, std::size_t utterances, std::size_t* done) {
-  for (; *done < utterances; *done += kGroup)
-    Converse(session, *done % session.active().size(), kGroup);
-}
-
 struct Numbers {
   double created;
   double early;
   double late;
 };
 
-Numbers Measure() {
-  const bench_kit::LoopbackService service(kReply);
-  const auto open = [&](rooms::RoomSession& session, std::uint32_t members) {
-    session.SetActive(members);
-    session.SetEndpoint(service.origin().c_str());
-  };
+// `create` makes kMembers of a contestant; `converse` has one utterance of each of `count` of them.
+template <typename Create, typename Converse>
+Numbers Measure(const Create& create, const Converse& converse) {
   // What the process takes once, the libraries of the exchange for example, is there before anything is measured.
   {
-    rooms::RoomSession session(kGroup);
-    open(session, kGroup);
-    Converse(session, 0, kGroup);
+    const auto few = create(kGroup);
+    converse(*few, 0, kGroup);
   }
   const double before = Resident();
-  rooms::RoomSession session(kMembers);
+  const auto many = create(kMembers);
   const auto share = [&] { return (Resident() - before) / kMembers; };
-  Numbers numbers{};
-  numbers.created = share();
-  open(session, kMembers);
-  std::size_t utterances = 0;
-  ConverseUntil(session, kEarlyUtterances, &utterances);
-  numbers.early = share();
-  ConverseUntil(session, kUtterances, &utterances);
-  numbers.late = share();
-  return numbers;
+  std::size_t done = 0;
+  const auto converse_until = [&](std::size_t utterances) {
+    for (; done < utterances; done += kGroup)
+      converse(*many, done % kMembers, kGroup);
+    return share();
+  };
+  const double created = share();
+  const double early = converse_until(kEarlyUtterances);
+  return {created, early, converse_until(kUtterances)};
+}
+
+Numbers MeasurePlugin() {
+  const bench_kit::LoopbackService service(kReply);
+  const auto create = [&](std::uint32_t members) {
+    auto session = std::make_unique<rooms::RoomSession>(members);
+    session->SetActive(members);
+    session->SetEndpoint(service.origin().c_str());
+    return session;
+  };
+  return Measure(create, Converse);
+}
+
+Numbers MeasureCurlThreads() {
+  const bench_kit::LoopbackService service(kReply);
+  const auto create = [&](std::uint32_t members) {
+    return std::make_unique<rooms::CurlThreads>(members, service.origin() + "/", kBodySize);
+  };
+  return Measure(create, [](rooms::CurlThreads& threads, std::size_t first, std::size_t count) {
+    threads.Converse(first, count);
+  });
 }
 
 // From a process of its own: in this one, earlier benchmarks have left stacks and heaps behind.
-Numbers MeasureApart() {
-  const std::string command = std::filesystem::read_symlink("/proc/self/exe").string() + " --measure-memory";
+Numbers MeasureApart(const std::string& contestant, bool thread_cache) {
+  const std::string command = (thread_cache ? "" : "GLIBC_TUNABLES=glibc.malloc.tcache_count=0 ") +
+                              std::filesystem::read_symlink("/proc/self/exe").string() + " --measure-memory " +
+                              contestant;
   std::FILE* output = popen(command.c_str(), "r");
   std::array<char, 128> line{};
   const bool answered = output != nullptr && std::fgets(line.data(), static_cast<int>(line.size()), output) != nullptr;
@@ -126,8 +145,9 @@ Numbers MeasureApart() {
   return numbers;
 }
 
+template <bool kThreadCache>
 void Plugin(benchmark::State& state) {
-  static const Numbers numbers = MeasureApart();
+  static const Numbers numbers = MeasureApart("plugin", kThreadCache);
   for ([[maybe_unused]] auto step : state) {
   }
   state.counters["bytes"] = numbers.late;
@@ -135,19 +155,37 @@ void Plugin(benchmark::State& state) {
   state.counters["growth"] = numbers.late - numbers.early;
 }
 
+double WorkShare() {
+  return static_cast<double>(rooms::SessionSize(2) - rooms::SessionSize(1));
+}
+
 void Limit(benchmark::State& state) {
   for ([[maybe_unused]] auto step : state) {
   }
-  state.counters["bytes"] = static_cast<double>(rooms::SessionSize(2) - rooms::SessionSize(1));
+  state.counters["bytes"] = WorkShare();
 }
 
-BENCHMARK(Plugin)->Name("memory/plugin")->Iterations(1);
+template <bool kThreadCache>
+void CurlThreads(benchmark::State& state) {
+  static const Numbers numbers = MeasureApart("curl_threads", kThreadCache);
+  for ([[maybe_unused]] auto step : state) {
+  }
+  state.counters["bytes"] = WorkShare() + numbers.late;
+  state.counters["thread"] = numbers.late;
+  state.counters["growth"] = numbers.late - numbers.early;
+}
+
+BENCHMARK(Plugin<true>)->Name("memory/plugin")->Iterations(1);
 BENCHMARK(Limit)->Name("memory/limit")->Iterations(1);
+BENCHMARK(CurlThreads<true>)->Name("memory/curl_threads")->Iterations(1);
+BENCHMARK(Plugin<false>)->Name("memory/plugin/no_cache")->Iterations(1);
+BENCHMARK(Limit)->Name("memory/limit/no_cache")->Iterations(1);
+BENCHMARK(CurlThreads<false>)->Name("memory/curl_threads/no_cache")->Iterations(1);
 
 }  // namespace
 
-int rooms::PrintMemory() {
-  const Numbers numbers = Measure();
+int rooms::PrintMemory(const std::string& contestant) {
+  const Numbers numbers = contestant == "plugin" ? MeasurePlugin() : MeasureCurlThreads();
   std::printf("%.0f %.0f %.0f\n", numbers.created, numbers.early, numbers.late);
   return 0;
 }

@@ -1,7 +1,6 @@
-// A GStreamer pipeline per member: appsrc ! oggmux ! appsink, its streaming thread included. It comes to rest between
-// utterances and is set playing again for the next one.
-#include <gst/app/gstappsink.h>
-#include <gst/app/gstappsrc.h>
+// GStreamer's Ogg muxer per member, on the calling thread: what a pipeline of GStreamer costs at the least. Pads of its
+// own stand for the elements around the muxer, so that there are no streaming threads and no queues. The muxer comes to
+// rest after an utterance and is set playing again for the next one.
 #include <gst/gst.h>
 
 #include <stdexcept>
@@ -39,87 +38,112 @@ GstCaps* MakeCaps() {
   return caps;
 }
 
+GstCaps* SharedCaps() {
+  static GstCaps* const caps = MakeCaps();
+  return caps;
+}
+
 class GstreamerMember final : public PipelineMember {
  public:
   GstreamerMember() {
     static const bool initialized = gst_init_check(nullptr, nullptr, nullptr) != 0;
     Require(initialized);
-    pipeline_ = gst_pipeline_new(nullptr);
-    source_ = gst_element_factory_make("appsrc", nullptr);
-    GstElement* muxer = gst_element_factory_make("oggmux", nullptr);
-    sink_ = gst_element_factory_make("appsink", nullptr);
-    Require(source_ != nullptr && muxer != nullptr && sink_ != nullptr);
-    GstCaps* caps = MakeCaps();
-    g_object_set(source_, "caps", caps, "format", GST_FORMAT_TIME, "block", FALSE, nullptr);
-    gst_caps_unref(caps);
-    g_object_set(sink_, "sync", FALSE, "async", FALSE, nullptr);
-    gst_bin_add_many(GST_BIN(pipeline_), source_, muxer, sink_, nullptr);
-    Require(gst_element_link_pads(source_, "src", muxer, "audio_%u") != 0 && gst_element_link(muxer, sink_) != 0);
-    Play();
-    // Nobody reads the messages.
-    GstBus* bus = gst_element_get_bus(pipeline_);
-    gst_bus_set_flushing(bus, TRUE);
-    gst_object_unref(bus);
+    muxer_ = gst_element_factory_make("oggmux", nullptr);
+    if (muxer_ == nullptr) throw std::runtime_error("GStreamer's oggmux is not installed");
+    gst_object_ref_sink(muxer_);
+    muxer_input_ = gst_element_request_pad_simple(muxer_, "audio_%u");
+    GstPad* muxer_output = gst_element_get_static_pad(muxer_, "src");
+    source_ = gst_pad_new("source", GST_PAD_SRC);
+    sink_ = gst_pad_new("sink", GST_PAD_SINK);
+    gst_pad_set_element_private(sink_, this);
+    gst_pad_set_chain_function(sink_, Take);
+    Require(gst_pad_link(source_, muxer_input_) == GST_PAD_LINK_OK &&
+            gst_pad_link(muxer_output, sink_) == GST_PAD_LINK_OK);
+    gst_object_unref(muxer_output);
+    BeginStream();
   }
   ~GstreamerMember() override {
-    gst_element_set_state(pipeline_, GST_STATE_NULL);
-    gst_object_unref(pipeline_);
+    gst_element_set_state(muxer_, GST_STATE_NULL);
+    gst_pad_set_active(source_, FALSE);
+    gst_pad_set_active(sink_, FALSE);
+    gst_element_release_request_pad(muxer_, muxer_input_);
+    gst_object_unref(muxer_input_);
+    gst_object_unref(source_);
+    gst_object_unref(sink_);
+    gst_object_unref(muxer_);
   }
 
   void BeginRound() override {
+    if (frames_ > 0) {
+      EndStream();
+      BeginStream();
+    }
     fill_ = 0;
     silent_frames_ = 0;
-    if (frames_ > 0) BeginStream();
+    streams_[0].clear();
   }
 
   void PutFrame(const SttAudioFrame& frame) override {
     if (frame.data == nullptr) {
-      if (++silent_frames_ == kPause) EndUtterance();
+      if (++silent_frames_ == kPause && frames_ > 0) EndUtterance();
       return;
     }
     GstBuffer* buffer = gst_buffer_new_memdup(frame.data, frame.size);
-    GST_BUFFER_PTS(buffer) = GST_BUFFER_DTS(buffer) = frames_ * kFrame;
+    GST_BUFFER_PTS(buffer) = GST_BUFFER_DTS(buffer) = frames_++ * kFrame;
     GST_BUFFER_DURATION(buffer) = kFrame;
-    ++frames_;
-    Require(gst_app_src_push_buffer(GST_APP_SRC(source_), buffer) == GST_FLOW_OK);
+    Require(gst_pad_push(source_, buffer) == GST_FLOW_OK);
     silent_frames_ = 0;
   }
 
   std::vector<std::string> Streams() override { return {streams_.begin(), streams_.begin() + fill_}; }
 
  private:
-  void Play() {
-    gst_element_set_state(pipeline_, GST_STATE_PLAYING);
-    Require(gst_element_get_state(pipeline_, nullptr, nullptr, GST_SECOND) != GST_STATE_CHANGE_FAILURE);
+  static GstFlowReturn Take(GstPad* pad, GstObject*, GstBuffer* buffer) {
+    auto* self = static_cast<GstreamerMember*>(gst_pad_get_element_private(pad));
+    GstMapInfo map;
+    const bool mapped = gst_buffer_map(buffer, &map, GST_MAP_READ) != 0;
+    if (mapped) {
+      self->streams_[static_cast<std::size_t>(self->fill_)].append(reinterpret_cast<const char*>(map.data), map.size);
+      gst_buffer_unmap(buffer, &map);
+    }
+    gst_buffer_unref(buffer);
+    return mapped ? GST_FLOW_OK : GST_FLOW_ERROR;
   }
 
   void BeginStream() {
-    gst_element_set_state(pipeline_, GST_STATE_READY);
-    Play();
     frames_ = 0;
+    gst_pad_set_active(sink_, TRUE);
+    gst_pad_set_active(source_, TRUE);
+    Require(gst_element_set_state(muxer_, GST_STATE_PLAYING) == GST_STATE_CHANGE_SUCCESS);
+    GstSegment segment;
+    gst_segment_init(&segment, GST_FORMAT_TIME);
+    Require(gst_pad_push_event(source_, gst_event_new_stream_start("member")) != 0 &&
+            gst_pad_push_event(source_, gst_event_new_caps(SharedCaps())) != 0 &&
+            gst_pad_push_event(source_, gst_event_new_segment(&segment)) != 0);
+  }
+
+  // The muxer writes what it holds and is ready for another stream.
+  void EndStream() {
+    gst_pad_push_event(source_, gst_event_new_eos());
+    gst_element_set_state(muxer_, GST_STATE_READY);
+    // Pads forget with this that their stream has ended.
+    gst_pad_set_active(source_, FALSE);
+    gst_pad_set_active(sink_, FALSE);
   }
 
   void EndUtterance() {
-    std::string& stream = streams_[static_cast<std::size_t>(fill_++)];
-    stream.clear();
-    gst_app_src_end_of_stream(GST_APP_SRC(source_));
-    while (GstSample* sample = gst_app_sink_pull_sample(GST_APP_SINK(sink_))) {
-      GstMapInfo map;
-      GstBuffer* buffer = gst_sample_get_buffer(sample);
-      Require(gst_buffer_map(buffer, &map, GST_MAP_READ) != 0);
-      stream.append(reinterpret_cast<const char*>(map.data), map.size);
-      gst_buffer_unmap(buffer, &map);
-      gst_sample_unref(sample);
-    }
+    EndStream();
+    streams_[static_cast<std::size_t>(++fill_)].clear();
     BeginStream();
   }
 
-  GstElement* pipeline_;
-  GstElement* source_;
-  GstElement* sink_;
+  GstElement* muxer_;
+  GstPad* muxer_input_;
+  GstPad* source_;
+  GstPad* sink_;
   std::uint64_t frames_ = 0;
   std::size_t silent_frames_ = 0;
-  std::vector<std::string> streams_ = std::vector<std::string>(kUtterances);
+  std::vector<std::string> streams_ = std::vector<std::string>(kUtterances + 1);  // the last one is being written
   std::ptrdiff_t fill_ = 0;
 };
 
