@@ -79,16 +79,18 @@ bool TakeStream(SttRecognizer* recognizer, ZelRingBufferChunk* stream) {
   return false;
 }
 
-// Whether a frame without audio, after so many, leaves the stream as it is: the pause is still bridged, or there is no
-// utterance to end. An update of a disabled member clears both numbers; whatever is seen of that, the flag decides.
-bool IsOnlyCounted(const SttRecognizer* recognizer, int32_t silent_frames) {
-  return silent_frames < kMaxBridgedSilentFrames ||
+// Whether a frame without audio leaves the stream as it is: the pause is still bridged, or there is no utterance to
+// end. An update of a disabled member clears both numbers; whatever is seen of that, the flag decides.
+bool IsOnlyCounted(const SttRecognizer* recognizer) {
+  return __atomic_load_n(&recognizer->silent_frames, __ATOMIC_RELAXED) < kMaxBridgedSilentFrames ||
          __atomic_load_n(&recognizer->utterance_length, __ATOMIC_RELAXED) == 0;
 }
 
-// The cheapest frame there is: it touches nothing but the counter.
-uint32_t CountSilence(SttRecognizer* recognizer, int32_t silent_frames) {
+// The cheapest frame there is: it touches nothing but the counter, which is read here again: to keep it across the call
+// costs more.
+uint32_t CountSilence(SttRecognizer* recognizer) {
   if (zelAtomic_Load(&recognizer->enabled) == 0) return 0;
+  const int32_t silent_frames = __atomic_load_n(&recognizer->silent_frames, __ATOMIC_RELAXED);
   __atomic_store_n(&recognizer->silent_frames, silent_frames < kMaxBridgedSilentFrames ? silent_frames + 1 : 0,
                    __ATOMIC_RELAXED);
   return 1;
@@ -120,6 +122,12 @@ void AddFrame(SttRecognizer* recognizer, const SttAudioFrame& frame) {
   return enabled ? 1 : 0;
 }
 
+// Not inlined: as the last thing that a refused frame does, it costs the others no registers.
+[[gnu::noinline]] uint32_t Refuse(const char* identifier) {
+  zelErr_NotifyInvalidParameter(identifier);
+  return 0;
+}
+
 uint32_t DiscardUtterance(SttRecognizer* recognizer) {
   zelSttRecognizer_DiscardStream(recognizer);
   return 0;
@@ -128,11 +136,9 @@ uint32_t DiscardUtterance(SttRecognizer* recognizer) {
 }  // namespace
 
 uint32_t zelSttRecognizer_PutAudioFrame(SttRecognizer* recognizer, const SttAudioFrame* frame) {
-  if (zelErr_Refuse(recognizer == nullptr, "E2022111441") || zelErr_Refuse(frame == nullptr, "E2022111442")) return 0;
-  if (frame->data == nullptr) {
-    const int32_t silent_frames = __atomic_load_n(&recognizer->silent_frames, __ATOMIC_RELAXED);
-    if (IsOnlyCounted(recognizer, silent_frames)) return CountSilence(recognizer, silent_frames);
-  }
+  if (recognizer == nullptr) return Refuse("E2022111441");
+  if (frame == nullptr) return Refuse("E2022111442");
+  if (frame->data == nullptr && IsOnlyCounted(recognizer)) return CountSilence(recognizer);
   return TakeFrame(recognizer, *frame);
 }
 

@@ -15,18 +15,6 @@ constexpr std::size_t kPointerSize = sizeof(void*);
 constexpr std::size_t kArrayScratch = kMaxChildren * kPointerSize;
 constexpr std::size_t kObjectScratch = 2 * kArrayScratch;
 
-struct ScalarNode {
-  JsonNode head;
-  char* text;
-};
-
-struct Member {
-  const JsonNode* key;
-  const JsonNode* value;
-};
-
-static_assert(sizeof(JsonNode) == 8 && sizeof(ScalarNode) == 16 && sizeof(Member) == 16);
-
 // Classes of a byte, as bits.
 enum : std::uint8_t {
   kSpace = 1,         // tab, line feed, carriage return, blank
@@ -106,20 +94,23 @@ char* FindSpecial(char* at, [[maybe_unused]] char* end) {
   return at;
 }
 
-char* ScanString(char* at, char* end) {
-  for (;;) {
-    at = FindSpecial(at, end);
-    // Escape sequences come in rows, and seldom far apart.
-    for (int near = kNearEscape; near > 0 && *at != '"' && *at != '\0'; --near) {
-      if (*at == '\\') {
-        at = SkipEscape(at);
-        near = kNearEscape;
-      } else {
-        ++at;
-      }
-    }
-    if (*at == '"' || *at == '\0') return at;
+// Escape sequences come in rows, and seldom far apart: behind one, a few characters are looked at one by one.
+char* FindNearSpecial(char* at, char* end) {
+  for (int near = kNearEscape; near > 0; --near, ++at) {
+    if (Is(*at, kStringSpecial)) return at;
   }
+  return FindSpecial(at, end);
+}
+
+char* ScanString(char* at, char* end) {
+  at = FindSpecial(at, end);
+  while (*at == '\\') {
+    do
+      at = SkipEscape(at);
+    while (*at == '\\');
+    at = FindNearSpecial(at, end);
+  }
+  return at;
 }
 
 // A number or literal ends at the first byte that cannot belong to one; a token of no class takes all that is left.
@@ -140,8 +131,9 @@ char* ScanBare(char* at) {
 // The parsing functions begin at the first character of what they parse, store its node, and return where it ends; null
 // on failure.
 
-char* ParseScalar(JsonReader* reader, char* at, const JsonNode** node) {
-  auto* scalar = static_cast<ScalarNode*>(TakeArena(reader, sizeof(ScalarNode)));
+// Inline: a reply is little else than strings.
+inline char* ParseScalar(JsonReader* reader, char* at, const JsonNode** node) {
+  auto* scalar = static_cast<JsonScalar*>(TakeArena(reader, sizeof(JsonScalar)));
   if (scalar == nullptr) return nullptr;
   const bool quoted = *at == '"';
   char* start = quoted ? at + 1 : at;
@@ -232,10 +224,10 @@ char* ParseObject(JsonReader* reader, char* at, const JsonNode** node) {
   at = ParseMembers(reader, at, keys, values, &count);
   if (at == nullptr) return nullptr;
 
-  auto* object = static_cast<JsonNode*>(TakeArena(reader, sizeof(JsonNode) + count * sizeof(Member)));
+  auto* object = static_cast<JsonNode*>(TakeArena(reader, sizeof(JsonNode) + count * sizeof(JsonMember)));
   if (object == nullptr) return nullptr;
   *object = {JsonNodeType_Object, count};
-  auto* members = reinterpret_cast<Member*>(object + 1);
+  auto* members = reinterpret_cast<JsonMember*>(object + 1);
   for (std::uint32_t i = 0; i < count; ++i)
     members[i] = {ReadAlone(&keys[i]), ReadAlone(&values[i])};
   reader->scratch_top -= kObjectScratch;
@@ -263,21 +255,6 @@ JsonReader* zelJsonReader_Open(JsonReader* reader, char* text) {
   reader->cursor = ParseRoot(reader, SkipSpace(text), &root);
   reader->root = reader->cursor != nullptr ? root : nullptr;
   return reader;
-}
-
-const char* zelJsonReader_Find(JsonReader* reader, const char* key, std::size_t key_length, const char* fallback) {
-  const JsonNode* root = reader->root;
-  if (root == nullptr || root->type != JsonNodeType_Object) return fallback;
-  const auto* members = reinterpret_cast<const Member*>(root + 1);
-  for (std::uint32_t i = 0; i < root->length; ++i) {
-    const auto* name = reinterpret_cast<const ScalarNode*>(members[i].key);
-    if (name->head.length != key_length || std::memcmp(name->text, key, key_length) != 0) continue;
-    if (members[i].value->type != JsonNodeType_Scalar) return fallback;
-    const auto* value = reinterpret_cast<const ScalarNode*>(members[i].value);
-    value->text[value->head.length] = '\0';
-    return value->text;
-  }
-  return fallback;
 }
 
 void zelJsonReader_Close(JsonReader*) {}

@@ -27,6 +27,18 @@ struct JsonNode {
   std::uint32_t length;  // members, elements, or bytes of text
 };
 
+struct JsonScalar {
+  JsonNode head;
+  char* text;
+};
+
+struct JsonMember {
+  const JsonNode* key;
+  const JsonNode* value;
+};
+
+static_assert(sizeof(JsonNode) == 8 && sizeof(JsonScalar) == 16 && sizeof(JsonMember) == 16);
+
 struct JsonReader {
   alignas(8) std::uint8_t arena[kJsonArenaSize];      // finished nodes, children before their container
   alignas(8) std::uint8_t scratch[kJsonScratchSize];  // children of the containers that are open
@@ -43,13 +55,23 @@ struct JsonReader {
 // member value of no known class; other errors are silent.
 JsonReader* zelJsonReader_Open(JsonReader* reader, char* text);
 
-// GetString for a key of `key_length` bytes.
-const char* zelJsonReader_Find(JsonReader* reader, const char* key, std::size_t key_length, const char* fallback);
-
 // The raw text of the top-level member `key` (compared with the raw key text, the first of several wins),
 // NUL-terminated in place. `fallback` when there is no such member or its value is a container.
+// Inline, because with the length of a literal known, comparing keys takes no calls.
 inline const char* zelJsonReader_GetString(JsonReader* reader, const char* key, const char* fallback) {
-  return zelJsonReader_Find(reader, key, std::strlen(key), fallback);  // inline: the length of a literal costs nothing
+  const JsonNode* root = reader->root;
+  if (root == nullptr || root->type != JsonNodeType_Object) return fallback;
+  const std::size_t key_length = std::strlen(key);
+  const auto* members = reinterpret_cast<const JsonMember*>(root + 1);
+  for (std::uint32_t i = 0; i < root->length; ++i) {
+    const auto* name = reinterpret_cast<const JsonScalar*>(members[i].key);
+    if (name->head.length != key_length || std::memcmp(name->text, key, key_length) != 0) continue;
+    if (members[i].value->type != JsonNodeType_Scalar) return fallback;
+    const auto* value = reinterpret_cast<const JsonScalar*>(members[i].value);
+    value->text[value->head.length] = '\0';
+    return value->text;
+  }
+  return fallback;
 }
 
 // Nothing to release.
