@@ -76,11 +76,11 @@ wchar_t* AllocateWide(std::size_t count) {
 
 // Each byte becomes the code unit of the same value, whatever its encoding; false when the terminator does not fit.
 bool Widen(const char* text, wchar_t* wide, std::size_t capacity) {
-  for (std::size_t i = 0; i < capacity; ++i) {
+  const std::size_t size = std::strlen(text) + 1;
+  if (size > capacity) return false;
+  for (std::size_t i = 0; i < size; ++i)
     wide[i] = static_cast<unsigned char>(text[i]);
-    if (text[i] == '\0') return true;
-  }
-  return false;
+  return true;
 }
 
 wchar_t* WidenCopy(const char* text, std::size_t* capacity) {

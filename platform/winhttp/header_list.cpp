@@ -51,20 +51,16 @@ void Append(HeaderList* list, HeaderNode* node) {
 HeaderNode* MakeNode(const wchar_t* line, size_t key_length, const wchar_t* value, size_t value_length) {
   // At most four bytes of UTF-8 a unit, a blank behind the colon and the terminator.
   if (value_length > SIZE_MAX / 8 || key_length > SIZE_MAX / 8) return nullptr;
-  char* text = zelHttpText_ToUtf8(value, value_length);
-  if (text == nullptr) return nullptr;
-  const size_t text_size = strlen(text);
-  HeaderNode* node = static_cast<HeaderNode*>(malloc(sizeof(HeaderNode) + key_length + text_size + 3));
-  if (node != nullptr) {
-    char* out = reinterpret_cast<char*>(node + 1);
-    *node = {{out, nullptr}, nullptr, key_length};
-    for (size_t i = 0; i < key_length; ++i)
-      *out++ = static_cast<char>(line[i]);
-    // "Key;" is how libcurl is told to send a header without a value.
-    memcpy(out, text_size == 0 ? ";" : ": ", 2);
-    memcpy(out + (text_size == 0 ? 1 : 2), text, text_size + 1);
-  }
-  free(text);
+  HeaderNode* node = static_cast<HeaderNode*>(malloc(sizeof(HeaderNode) + key_length + 4 * value_length + 3));
+  if (node == nullptr) return nullptr;
+  char* out = reinterpret_cast<char*>(node + 1);
+  *node = {{out, nullptr}, nullptr, key_length};
+  out += zelHttpText_PutUtf8(out, line, key_length);
+  // "Key;" is how libcurl is told to send a header without a value.
+  *out++ = value_length == 0 ? ';' : ':';
+  if (value_length > 0) *out++ = ' ';
+  out += zelHttpText_PutUtf8(out, value, value_length);
+  *out = '\0';
   return node;
 }
 

@@ -80,15 +80,25 @@ char* zelHttpText_Take(TextBuffer* buffer) {
   return text;
 }
 
+size_t zelHttpText_PutUtf8(char* bytes, const wchar_t* text, size_t length) {
+  uint32_t bits = 0;
+  for (size_t i = 0; i < length; ++i)
+    bits |= static_cast<uint32_t>(text[i]);
+  if (bits < 0x80) {  // loops without branches, for the usual text
+    for (size_t i = 0; i < length; ++i)
+      bytes[i] = static_cast<char>(text[i]);
+    return length;
+  }
+  size_t size = 0;
+  for (size_t i = 0; i < length; ++i)
+    size += EncodeUtf8(static_cast<uint32_t>(text[i]), bytes + size);
+  return size;
+}
+
 char* zelHttpText_ToUtf8(const wchar_t* text, size_t length) {
   if (length >= SIZE_MAX / 8) return nullptr;
   char* bytes = static_cast<char*>(malloc(4 * length + 1));
-  if (bytes == nullptr) return nullptr;
-  size_t size = 0;
-  for (size_t i = 0; i < length; ++i) {
-    size += EncodeUtf8(static_cast<uint32_t>(text[i]), bytes + size);
-  }
-  bytes[size] = '\0';
+  if (bytes != nullptr) bytes[zelHttpText_PutUtf8(bytes, text, length)] = '\0';
   return bytes;
 }
 

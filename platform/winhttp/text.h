@@ -21,6 +21,9 @@ void zelHttpText_Free(TextBuffer* buffer);
 // Hands the text to the caller, who frees it; null, and nothing to free, when memory ran out.
 char* zelHttpText_Take(TextBuffer* buffer);
 
+// Writes `length` code points as UTF-8, at most four bytes each, without terminator; returns the number of bytes.
+size_t zelHttpText_PutUtf8(char* bytes, const wchar_t* text, size_t length);
+
 // A malloc'ed copy as UTF-8 of `length` code points; null when memory ran out.
 char* zelHttpText_ToUtf8(const wchar_t* text, size_t length);
 
