@@ -30,6 +30,11 @@ std::string post_with_plugin(const Post& post);
  * up. It does not count the head's bytes, tell phases of the exchange apart or keep SIGPIPE from the process. */
 std::string post_with_curl(const Post& post, const Trust& trust);
 
+/** The same options through libcurl's multi interface, which alone lets each phase of an exchange end at its own
+ * deadline, with the callbacks that tell phases apart: what the plug-in's promises cost in libcurl. The callbacks do
+ * nothing else. */
+std::string post_step_by_step(const Post& post, const Trust& trust);
+
 /** Socket, connect, one send, receive up to the announced length, close: what the system itself takes. Plain only. */
 std::string post_with_sockets(const Post& post);
 

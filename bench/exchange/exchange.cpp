@@ -63,17 +63,25 @@ void register_row(const std::string& row, const std::string& origin, const std::
   }
 }
 
-Contestant curl(const char* name, const std::string& trusted_file) {
-  return {name, [trusted_file](const Post& post) { return post_with_curl(post, {trusted_file}); }};
+using CurlExchange = std::string (*)(const Post&, const Trust&);
+
+Contestant curl(const char* name, const std::string& trusted_file, CurlExchange exchange = post_with_curl) {
+  return {name, [trusted_file, exchange](const Post& post) { return exchange(post, {trusted_file}); }};
 }
 
 }  // namespace
 
 void register_exchanges(const Services& services) {
   register_row("exchange_plain", services.plain,
-               {{"plugin", post_with_plugin}, curl("limit", ""), {"sockets", post_with_sockets}});
+               {{"plugin", post_with_plugin},
+                curl("limit", ""),
+                curl("curl_contract", "", post_step_by_step),
+                {"sockets", post_with_sockets}});
   register_row("exchange_tls", services.tls,
-               {{"plugin", post_with_plugin}, curl("limit", services.authority), curl("curl_bundle", services.bundle)});
+               {{"plugin", post_with_plugin},
+                curl("limit", services.authority),
+                curl("curl_contract", services.authority, post_step_by_step),
+                curl("curl_bundle", services.bundle)});
 }
 
 }  // namespace bench
