@@ -57,8 +57,8 @@ struct Member {
   std::optional<std::size_t> text_failure;      // of the utterance that the update under way gives back
   bool leaving = false;
   std::chrono::steady_clock::time_point deadline;
-  Events next_text;             // memory for the text that an update may bring: one element, or none
-  Events farewell = Events(1);  // for the ledger
+  Events next_text;                             // memory for the text that an update may bring: one element, or none
+  Events farewell = Events(1, MemberLedger());  // for the ledger
 
   bool has_slot() const { return ledger.waiting < kMaxWaiting; }
   bool has_headroom() const;

@@ -119,7 +119,7 @@ void Room::State::collect(Member& member) noexcept {
   const TextPacket packet(member.recognizer->interface_table->PopTextPacket(member.recognizer->instance));
   member.settle(packet ? 1 : 0);
   if (!packet) return;
-  auto& text = std::get<RoomText>(member.next_text.front());
+  auto& text = *std::get_if<RoomText>(&member.next_text.front());
   text.member_id = packet.member_id();
   text.utterance = member.ledger.stored() - member.ledger.waiting;
   text.text = packet.text();
@@ -154,7 +154,7 @@ void Room::State::release_departed() noexcept {
   for (auto& [id, member] : departed) {
     api().ReleaseRecognizer(session->body, member->recognizer);
     member->lose_all();
-    member->farewell.front() = std::move(member->ledger);
+    *std::get_if<MemberLedger>(&member->farewell.front()) = std::move(member->ledger);
     std::lock_guard hold(lock);
     outbox.splice(outbox.end(), member->farewell);
   }

@@ -21,6 +21,7 @@ std::string format_counts(const MemberLedger& ledger, double audio_seconds) {
 // Names and values in their order.
 std::vector<std::pair<std::string, std::uint64_t>> stats_of(const MemberLedger& ledger) {
   std::vector<std::pair<std::string, std::uint64_t>> stats;
+  stats.reserve(host::kLedgerCounts.size() + ledger.failures.size());
   for (const auto& [name, count] : host::kLedgerCounts)
     stats.emplace_back(name, ledger.*count);
   for (std::size_t i = 0; i < ledger.failures.size(); ++i) {
