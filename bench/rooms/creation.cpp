@@ -1,9 +1,9 @@
 // Row creation: a session of 1,000 recognizers, created and destroyed. One iteration is both.
 //
 // Inputs: fresh, the work area's pages are not resident, as from a new mapping; reused, they are.
-// Limit: one clear of the same area, and 1,000 threads of the reference host, each of which waits for its event and ends
-// when that comes; signalled and joined one after the other, as a session has to. It builds nothing in the area and
-// encodes no header pages.
+// Limit: one clear of the same area, and 1,000 threads of the reference host, each of which waits for its event and
+// ends when that comes; signalled and joined one after the other, as a session has to. It builds nothing in the area
+// and encodes no header pages.
 #include <benchmark/benchmark.h>
 
 #include <array>

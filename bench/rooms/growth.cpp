@@ -1,5 +1,5 @@
-// Row growth: what one member costs as the room grows. One iteration is one tick of the whole room; the counter ns_member
-// is the share of a member.
+// Row growth: what one member costs as the room grows. One iteration is one tick of the whole room; the counter
+// ns_member is the share of a member.
 //
 // Inputs: frame_N, a frame of each of N members who all speak; update_N, one Update over N idle members.
 #include <benchmark/benchmark.h>

@@ -1,11 +1,12 @@
 // Row memory: what one recognizer of a session takes, by the pages that are resident in the process.
 //
-// Counters, in bytes per recognizer: `bytes_created`, after the session's creation; `bytes`, after 10,000 utterances, what
-// exchanges leave on the stacks and heaps of their threads included; `growth`, from 2,500 utterances to 10,000.
-// Limit: a recognizer's share of the session's work size, and nothing for its thread. Peer `curl_threads`: that share and
-// a thread that makes as many exchanges with bare libcurl, measured in the same way; `thread` is what the thread takes.
-// Input `no_cache`: with the C library told not to keep, for each thread, what libcurl has given back. Kernel memory does
-// not count.
+// Counters, in bytes per recognizer: `bytes_created`, after the session's creation; `bytes`, after 10,000 utterances,
+// what exchanges leave on the stacks and heaps of their threads included; `growth`, from 2,500 utterances to 10,000.
+// Limit: a recognizer's share of the session's work size, and nothing for its thread. Peer `curl_threads`: that share
+// and a thread that makes as many exchanges with bare libcurl, measured in the same way; `thread` is what the thread
+// takes.
+// Input `no_cache`: with the C library told not to keep, for each thread, what libcurl has given back. Kernel memory
+// does not count.
 #include "memory.h"
 
 #include <benchmark/benchmark.h>

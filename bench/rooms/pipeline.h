@@ -1,5 +1,5 @@
-// The contestants of row pipeline. Each turns the frames of a member into Ogg Opus streams in memory, one per utterance,
-// and keeps the last eight.
+// The contestants of row pipeline. Each turns the frames of a member into Ogg Opus streams in memory, one per
+// utterance, and keeps the last eight.
 #pragma once
 
 #include <cstdint>

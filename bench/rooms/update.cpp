@@ -1,8 +1,8 @@
 // Rows update_cold and update_warm: the session's Update over 1,000 idle recognizers. One iteration is one Update.
 //
-// Limit: one atomic load per recognizer, of the word in its area that tells whether the member is enabled. The addresses
-// come from an array, so that the loads do not wait for one another, which those of a list must. It takes no lock, calls
-// nothing and decides nothing.
+// Limit: one atomic load per recognizer, of the word in its area that tells whether the member is enabled. The
+// addresses come from an array, so that the loads do not wait for one another, which those of a list must. It takes no
+// lock, calls nothing and decides nothing.
 #include <benchmark/benchmark.h>
 #include <immintrin.h>
 
