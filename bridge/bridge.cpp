@@ -2,8 +2,6 @@
 
 #include "zel_rtc_speech_to_text.h"
 
-ZelBaseRtcBridgeInterface zel_bridge_interface;
-
 void zelString_Format(char* destination, uint64_t capacity, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);

@@ -7,8 +7,9 @@
 
 #include "zel_base_rtc_bridge.h"
 
-// The installed record; all zero until the first installation.
-extern ZelBaseRtcBridgeInterface zel_bridge_interface;
+// The installed record; all zero until the first installation. Inline, so that every source knows that it is the
+// library's own and reads the table pointer with one instruction.
+inline ZelBaseRtcBridgeInterface zel_bridge_interface{};
 
 // Read atomically: idle workers are inside a service while another table is installed.
 inline const BridgeTable* zelBridge_Installed() {
