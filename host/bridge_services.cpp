@@ -22,10 +22,17 @@ namespace {
 
 // ---- Atomics, strings, memory ---------------------------------------------------------------------------------------
 
-thread_local const WordWatch* innermost_watch = nullptr;
+[[gnu::tls_model("initial-exec")]] thread_local const WordWatch* innermost_watch = nullptr;
+
+// Not inlined: loads that nobody watches would pay for its registers.
+[[gnu::noinline]] std::uint32_t watched_load(const std::uint32_t* word) noexcept {
+  innermost_watch->see(word);
+  return __atomic_load_n(word, __ATOMIC_SEQ_CST);
+}
 
 std::uint32_t atomic_load(const std::uint32_t* word) noexcept {
-  if (innermost_watch != nullptr) innermost_watch->see(word);
+  if (innermost_watch != nullptr) [[unlikely]]
+    return watched_load(word);
   return __atomic_load_n(word, __ATOMIC_SEQ_CST);
 }
 void atomic_store(std::uint32_t* word, std::uint32_t value) noexcept {
