@@ -12,10 +12,16 @@ constexpr uint32_t kAlignment = 8;
 void ReturnPacket(void* context, PacketRef* ref) {
   auto* pool = static_cast<SttPacketPool*>(context);
   SttPacket* packet = ref->payload;
-  if (pool->mutex != nullptr) zelMutex_Lock(pool->mutex);
   if (packet->release_callback != nullptr) packet->release_callback(packet->release_context, ref);
   zelPtrStack_Push(&pool->free_packets, packet);
-  if (pool->mutex != nullptr) zelMutex_Unlock(pool->mutex);
+}
+
+// The same under the owner's mutex.
+void ReturnPacketLocked(void* context, PacketRef* ref) {
+  const auto* pool = static_cast<const SttPacketPool*>(context);
+  zelMutex_Lock(pool->mutex);
+  ReturnPacket(context, ref);
+  zelMutex_Unlock(pool->mutex);
 }
 
 // Carves one part; on failure reports `message`, unless it is null.
@@ -79,12 +85,14 @@ void zelSttPacketPool_SetMutex(SttPacketPool* pool, void* mutex) {
 
 PacketRef* zelSttPacketPool_Allocate(SttPacketPool* pool, PacketReleaseCallback callback, void* context) {
   if (pool == nullptr || zelPtrStack_GetCount(&pool->free_packets) == 0) return nullptr;
-  if (zelPtrQueue_IsEmpty(pool->envelopes)) return nullptr;
+  PacketRefPool* envelopes = pool->envelopes;
+  if (zelPtrQueue_IsEmpty(envelopes)) return nullptr;
   auto* packet = static_cast<SttPacket*>(zelPtrStack_Pop(&pool->free_packets));
   zelSttPacket_Reset(packet);
   packet->release_callback = callback;
   packet->release_context = context;
-  return zelPacketRefPool_Take(pool->envelopes, packet, 0, 0, ReturnPacket, pool);
+  return zelPacketRefPool_Take(envelopes, packet, 0, 0, pool->mutex != nullptr ? ReturnPacketLocked : ReturnPacket,
+                               pool);
 }
 
 void zelSttPacketPool_Destroy(SttPacketPool* pool) {

@@ -48,12 +48,13 @@ inline bool zelPtrQueue_IsEmpty(const PtrQueue* queue) {
 }
 
 inline void* zelPtrQueue_Take(PtrQueue* queue) {
-  if (zelPtrQueue_IsEmpty(queue)) return nullptr;
-  void* pointer = queue->items[queue->read_index];
-  queue->read_index += 1;
-  if (queue->read_index == queue->capacity) {
-    queue->read_index -= queue->capacity;
-    queue->write_index -= queue->capacity;
-  }
+  const uint32_t at = queue->read_index;
+  const uint32_t end = queue->write_index;
+  if (at == end) return nullptr;
+  const uint32_t capacity = queue->capacity;
+  void* pointer = queue->items[at];
+  const bool wraps = at + 1 == capacity;
+  queue->read_index = wraps ? 0 : at + 1;
+  if (wraps) queue->write_index = end - capacity;
   return pointer;
 }
