@@ -58,7 +58,6 @@ bool CarveParts(ZelFixedAllocatorRecord* carving, SttRequest* request) {
   const std::int32_t worker_size = zelWreqAsync_CalculateWorkSize(&kWorkerLimits);
   if (worker_size < 0) return false;
   void* worker_work = zelFixedAllocator_Allocate(carving, static_cast<std::uint32_t>(worker_size), 1);
-  if (worker_work == nullptr) return false;
   request->wreq = zelWreqAsync_Create(&kWorkerLimits, worker_work, worker_size);
   return request->wreq != nullptr && CarveBuffers(carving, request);
 }

@@ -65,15 +65,14 @@ PtrStack* CreateTextBlocks(ZelFixedAllocatorRecord* carving, const SttRecognizer
   return stack;
 }
 
-// Carves and creates the parts in the order of the work size; false at the first one that cannot be had. Ring buffer
-// and mutex get what the carve gave: the host answers null with null.
+// Carves and creates the parts in the order of the work size; false at the first one that cannot be had. Each part gets
+// what the carve gave and answers null with null, after a report if it has one.
 bool CreateParts(ZelFixedAllocatorRecord* carving, const SttRecognizerConfig& config, SttRecognizer* recognizer) {
   PartSizes sizes;
   if (!CalculatePartSizes(config, &sizes)) return false;
   const uint32_t n = config.max_queueing_messages;
 
   void* work = Carve(carving, sizes.formatter, 1);
-  if (work == nullptr) return false;
   recognizer->formatter = zelContainerFormatterOgg_Create(&kFormatterConfig, work, sizes.formatter);
   if (recognizer->formatter == nullptr) return false;
 
@@ -98,13 +97,13 @@ bool CreateParts(ZelFixedAllocatorRecord* carving, const SttRecognizerConfig& co
   zelSttPacketPool_SetMutex(recognizer->packet_pool, recognizer->mutex);
 
   work = Carve(carving, sizes.request, 1);
-  if (work == nullptr) return false;
   recognizer->request = zelSttRequest_Create(&kRequestConfig, work, sizes.request);
   return recognizer->request != nullptr;
 }
 
+// The size goes last and by itself: it gives the slot to the audio path.
 void ClearSlot(ZelRingBufferChunk* slot) {
-  slot->data = nullptr;
+  zelMemory_Clear(&slot->data, sizeof slot->data);
   zelAtomic_Store(&slot->size, 0);
 }
 
@@ -128,8 +127,9 @@ void StartNextRequest(SttRecognizer* recognizer) {
 void DropDisabledAudio(SttRecognizer* recognizer) {
   // A frame that was being taken when the member was disabled is dropped by a later update.
   if (zelAtomic_Load(&recognizer->enabled) != 0 || zelAtomic_Load(&recognizer->audio_busy) != 0) return;
-  if (zelRingBuffer_GetDataSize(recognizer->ring_buffer, ZEL_RING_LANE_DATA) == 0) return;
-  zelSttRecognizer_DiscardStream(recognizer);
+  const uint32_t size = zelRingBuffer_GetDataSize(recognizer->ring_buffer, ZEL_RING_LANE_DATA);
+  if (size == 0) return;
+  zelSttRecognizer_DiscardStream(recognizer, size);
   __atomic_store_n(&recognizer->silent_frames, 0, __ATOMIC_RELAXED);
 }
 
@@ -225,7 +225,7 @@ uint32_t zelSttRecognizer_Destroy(SttRecognizerHn handle) {
   if (zelErr_Refuse(handle == nullptr, "E2022111420")) return 0;
   SttRecognizer* recognizer = handle->instance;
   if (recognizer->request != nullptr) zelSttRequest_Destroy(recognizer->request);
-  if (recognizer->packet_queue != nullptr) zelSttRecognizer_ReleaseQueuedTexts(recognizer);
+  if (recognizer->packet_queue != nullptr) zelPtrQueue_ReleaseAll(recognizer->packet_queue);
   if (recognizer->text_blocks != nullptr) zelPtrStack_Destroy(recognizer->text_blocks);
   if (recognizer->packet_pool != nullptr) zelSttPacketPool_Destroy(recognizer->packet_pool);
   if (recognizer->ring_buffer != nullptr) {

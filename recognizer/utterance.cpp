@@ -12,6 +12,10 @@ constexpr int32_t kMaxUtteranceSamples = 960000;  // 60 s
 constexpr int32_t kMinUtteranceSamples = 3200;    // 200 ms
 constexpr int32_t kMaxBridgedSilentFrames = 6;    // the next frame without audio ends the utterance
 
+uint32_t GetDataSize(const SttRecognizer* recognizer) {
+  return zelRingBuffer_GetDataSize(recognizer->ring_buffer, ZEL_RING_LANE_DATA);
+}
+
 ZelRingBufferChunk AcquireFree(SttRecognizer* recognizer) {
   ZelRingBufferChunk chunk{};
   zelRingBuffer_Acquire(recognizer->ring_buffer, ZEL_RING_LANE_FREE, kChunkSize, &chunk);
@@ -26,23 +30,27 @@ void CommitWritten(SttRecognizer* recognizer, ZelRingBufferChunk chunk, int32_t 
   zelRingBuffer_Release(recognizer->ring_buffer, ZEL_RING_LANE_FREE, &rest);
 }
 
-// Gives all of lane 1 back. One chunk as a rule; a ring buffer that gives less is asked again.
-void EmptyDataLane(SttRecognizer* recognizer) {
-  uint32_t left = zelRingBuffer_GetDataSize(recognizer->ring_buffer, ZEL_RING_LANE_DATA);
+// Gives all that lane 1 holds back. One chunk as a rule; a ring buffer that gives less is asked again. False when it
+// gives none.
+bool EmptyDataLane(SttRecognizer* recognizer, uint32_t left) {
   while (left > 0) {
     ZelRingBufferChunk chunk{};
     zelRingBuffer_Acquire(recognizer->ring_buffer, ZEL_RING_LANE_DATA, left, &chunk);
-    if (chunk.size == 0) return;
+    if (chunk.size == 0) return false;
     zelRingBuffer_Commit(recognizer->ring_buffer, ZEL_RING_LANE_FREE, &chunk);
     left -= chunk.size < left ? chunk.size : left;
   }
+  return true;
+}
+
+// Nothing may stand in front of the header pages.
+bool BeginInEmptyLane(SttRecognizer* recognizer, uint32_t left) {
+  recognizer->stream_begun = 0;
+  return EmptyDataLane(recognizer, left) && zelSttRecognizer_BeginStream(recognizer) != 0;
 }
 
 void WriteAudio(SttRecognizer* recognizer, const SttAudioFrame& frame) {
-  if (recognizer->stream_begun == 0) {
-    EmptyDataLane(recognizer);
-    if (zelSttRecognizer_BeginStream(recognizer) == 0) return;
-  }
+  if (recognizer->stream_begun == 0 && !BeginInEmptyLane(recognizer, GetDataSize(recognizer))) return;
   ZelRingBufferChunk chunk = AcquireFree(recognizer);
   const OggFormatterPacket packet = {frame.data, static_cast<int32_t>(frame.size), kFrameSamples};
   const int32_t written = zelContainerFormatterOgg_WritePacket(recognizer->formatter, &packet, chunk.data,
@@ -89,7 +97,8 @@ bool IsOnlyCounted(const SttRecognizer* recognizer) {
 // The cheapest frame there is: it touches nothing but the counter, which is read here again: to keep it across the call
 // costs more.
 uint32_t CountSilence(SttRecognizer* recognizer) {
-  if (zelAtomic_Load(&recognizer->enabled) == 0) return 0;
+  if (zelAtomic_Load(&recognizer->enabled) == 0) [[unlikely]]
+    return 0;
   const int32_t silent_frames = __atomic_load_n(&recognizer->silent_frames, __ATOMIC_RELAXED);
   __atomic_store_n(&recognizer->silent_frames, silent_frames < kMaxBridgedSilentFrames ? silent_frames + 1 : 0,
                    __ATOMIC_RELAXED);
@@ -129,7 +138,7 @@ void AddFrame(SttRecognizer* recognizer, const SttAudioFrame& frame) {
 }
 
 uint32_t DiscardUtterance(SttRecognizer* recognizer) {
-  zelSttRecognizer_DiscardStream(recognizer);
+  zelSttRecognizer_DiscardStream(recognizer, GetDataSize(recognizer));
   return 0;
 }
 
@@ -138,8 +147,9 @@ uint32_t DiscardUtterance(SttRecognizer* recognizer) {
 uint32_t zelSttRecognizer_PutAudioFrame(SttRecognizer* recognizer, const SttAudioFrame* frame) {
   if (recognizer == nullptr) return Refuse("E2022111441");
   if (frame == nullptr) return Refuse("E2022111442");
-  if (frame->data == nullptr && IsOnlyCounted(recognizer)) return CountSilence(recognizer);
-  return TakeFrame(recognizer, *frame);
+  if (frame->data != nullptr || !IsOnlyCounted(recognizer)) [[unlikely]]
+    return TakeFrame(recognizer, *frame);
+  return CountSilence(recognizer);
 }
 
 uint32_t zelSttRecognizer_EndUtterance(SttRecognizer* recognizer) {
@@ -169,8 +179,7 @@ uint32_t zelSttRecognizer_BeginStream(SttRecognizer* recognizer) {
   ZelRingBufferChunk chunk = AcquireFree(recognizer);
   const int32_t written =
       zelContainerFormatterOgg_WriteHeaders(recognizer->formatter, chunk.data, static_cast<int32_t>(chunk.size));
-  // Nothing may stand in front of the header pages.
-  const bool begun = written >= 0 && zelRingBuffer_GetDataSize(recognizer->ring_buffer, ZEL_RING_LANE_DATA) == 0;
+  const bool begun = written >= 0;
   recognizer->stream_begun = begun ? 1 : 0;
   if (!begun) {
     zelRingBuffer_Release(recognizer->ring_buffer, ZEL_RING_LANE_FREE, &chunk);
@@ -180,8 +189,7 @@ uint32_t zelSttRecognizer_BeginStream(SttRecognizer* recognizer) {
   return 1;
 }
 
-void zelSttRecognizer_DiscardStream(SttRecognizer* recognizer) {
-  EmptyDataLane(recognizer);
-  zelSttRecognizer_BeginStream(recognizer);
+void zelSttRecognizer_DiscardStream(SttRecognizer* recognizer, uint32_t size) {
+  BeginInEmptyLane(recognizer, size);
   SetUtteranceLength(recognizer, 0);
 }

@@ -19,5 +19,5 @@ uint32_t zelSttRecognizer_EndUtterance(SttRecognizer* recognizer);
 // Begins a stream: its header pages go into lane 1. 1; 0 when they did not fit, or for null (E2023020739).
 uint32_t zelSttRecognizer_BeginStream(SttRecognizer* recognizer);
 
-// Gives the bytes of lane 1 back and begins a new stream; the current utterance is empty then.
-void zelSttRecognizer_DiscardStream(SttRecognizer* recognizer);
+// Gives the bytes of lane 1, which holds `size`, back and begins a new stream; the current utterance is empty then.
+void zelSttRecognizer_DiscardStream(SttRecognizer* recognizer, uint32_t size);

@@ -74,8 +74,8 @@ bool CreateRecognizer(ZelFixedAllocatorRecord* carving, const SttRecognizerConfi
                       SttSessionBody* body) {
   auto* node = static_cast<SttRecognizerNode*>(zelFixedAllocator_Allocate(carving, sizeof(SttRecognizerNode), 8));
   if (node == nullptr) return false;
+  // Without an area the recognizer reports that there is none.
   void* work = zelFixedAllocator_Allocate(carving, static_cast<uint32_t>(size), 1);
-  if (work == nullptr) return false;
   SttRecognizerHn recognizer = zelSttRecognizer_Create(&config, work, size);
   if (recognizer == nullptr) return false;
   zelSttRecognizer_SetAuthorization(recognizer, body->authorization);

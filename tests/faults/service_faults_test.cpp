@@ -51,8 +51,13 @@ Faults RecognizerCarves() {
   for (const char* number : {"304", "305", "335", "306", "336", "307", "308", "309", "310", "313", "314", "315"})
     worker.push_back(Worker(number));
   const std::string pool = ":zelFixedAllocator_Allocate() Failed.\n";
-  return Silent(12) + Faults{"0 E2021100782" + pool, "0 E2021100783" + pool, "0 E2021100784" + pool} + Silent(10) +
-         worker + Silent(6);
+  return Silent(12) + Faults{"0 E2021100782" + pool, "0 E2021100783" + pool, "0 E2021100784" + pool} + Silent(6) +
+         Faults{"0 E2022110908 -2\n"} + Silent(2) + Faults{"0 E2022121302 -2\n"} + worker + Silent(6);
+}
+
+// The carves for one recognizer: its node and its area.
+Faults SeatCarves() {
+  return Silent(1) + Faults{"0 E2022111406 -2\n"};
 }
 
 // The totals asked for while one recognizer is built: its four parts', formatter, pool, the worker's for its area, and
@@ -129,7 +134,8 @@ TEST(ServiceFaults, SessionCreation) {
       {SLOT(ring_buffer_calculate_work_size), Silent(4)},
       {SLOT(user_allocator_is_set), {"0 E2022102101:User allocator function has not been set.\n"}},
       {SLOT(user_allocator_allocate), {"0 E2022102102 -3\n"}},
-      {SLOT(fixed_allocator_allocate), Silent(3) + Silent(2) + RecognizerCarves() + Silent(2) + RecognizerCarves()},
+      {SLOT(fixed_allocator_allocate),
+       Silent(3) + SeatCarves() + RecognizerCarves() + SeatCarves() + RecognizerCarves()},
       {SLOT(mutex_create), Silent(3)},
       {SLOT(ring_buffer_create), Silent(2)},
       {SLOT(event_create), {Worker("314"), Worker("314")}},
