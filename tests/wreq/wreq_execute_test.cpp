@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <iterator>
+#include <ostream>
 #include <thread>
 
 #include "exchange_run.h"
@@ -39,6 +40,9 @@ struct Table {
   const char* name;
   std::vector<ExchangeCase> (*cases)();
 };
+void PrintTo(const Table& table, std::ostream* output) {
+  *output << table.name;
+}
 class Exchanges : public WreqExecute, public testing::WithParamInterface<Table> {};
 
 INSTANTIATE_TEST_SUITE_P(
