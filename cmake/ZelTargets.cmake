@@ -15,6 +15,9 @@ set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 
+# What a function costs must not depend on where the one before it ended: that alone was worth 12 % of a short one.
+add_compile_options(-falign-functions=64)
+
 if(ZEL_SANITIZE)
   add_compile_options(-O1 -g1 -fsanitize=${ZEL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${ZEL_SANITIZE})
