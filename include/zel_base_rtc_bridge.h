@@ -174,8 +174,7 @@ typedef struct BridgeTable {
   int32_t (*work_size_total)(ZelWorkSizeRecord* record);
 
   /* 34 to 38: the application's allocator. 38: true when allocation through the record is possible. 36 and 37 are
-   * called
-   * only while the library or a session is created or destroyed. */
+   * called only while the library or a session is created or destroyed. */
   void (*user_allocator_set_malloc)(ZelUserAllocatorRecord* record, ZelUserMallocFunction function, void* object);
   void (*user_allocator_set_free)(ZelUserAllocatorRecord* record, ZelUserFreeFunction function, void* object);
   void* (*user_allocator_allocate)(ZelUserAllocatorRecord* record, uint32_t size);

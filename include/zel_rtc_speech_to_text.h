@@ -13,8 +13,7 @@
  *     destroyed. Where it supplies none, the area comes from the functions it registered, and goes back to them.
  *  7. Library functions (zelRtcSpeechToText_*) must not overlap one another or any session call. Member operations of a
  *     session may be called from any thread and overlap what the host does with it, except while the host gives a
- *     member
- *     its client id: set up a member once the host has it in the room.
+ *     member its client id: set up a member once the host has it in the room.
  *
  * Order: install the bridge; register allocation functions or provide work areas; initialize; create sessions, attach
  * them through the host, set members' languages, detach, destroy; finalize.
@@ -83,10 +82,9 @@ typedef struct SttSession* ZelRtcSpeechToTextSessionHn;
 
 /* ---- Library ---- */
 
-/** Installs the host's services; the first call into the library; must not overlap any other. The record is copied,
- * the table is not: it must stay
- * valid and unchanged. Installing again replaces the table for every later service call of every object. A record of
- * another version is reported ("E2022111826") and installed all the same. */
+/** Installs the host's services; the first call into the library; must not overlap any other. The record is copied, the
+ * table is not: it must stay valid and unchanged. Installing again replaces the table for every later service call of
+ * every object. A record of another version is reported ("E2022111826") and installed all the same. */
 ZEL_RTC_SPEECH_TO_TEXT_API void zelRtcSpeechToText_SetBaseRtcBridgeInterface(
     const ZelBaseRtcBridgeInterface* bridge_interface);
 
@@ -134,10 +132,9 @@ zelRtcSpeechToTextSession_CalculateWorkSize(const ZelRtcSpeechToTextSessionConfi
 
 /** Creates a session with all its recognizers and their threads, in `work` or, when `work` is null or `work_size` 0, in
  * memory from the registered allocation function. `config`: null for the defaults. Null when the library is not
- * initialized
- * ("E2022102100"), for a refused configuration, an area that is too small ("E2022102103"), no allocation functions
- * ("E2022102101") or no memory from them ("E2022102102"), or when a part of a recognizer could not be made (the part
- * reports; a host that refuses a block, a mutex or a ring buffer hears nothing more). */
+ * initialized ("E2022102100"), for a refused configuration, an area that is too small ("E2022102103"), no allocation
+ * functions ("E2022102101") or no memory from them ("E2022102102"), or when a part of a recognizer could not be made
+ * (the part reports; records, lists and texts, mutexes and ring buffers that the host refuses have no report). */
 ZEL_RTC_SPEECH_TO_TEXT_API ZelRtcSpeechToTextSessionHn
 zelRtcSpeechToTextSession_Create(const ZelRtcSpeechToTextSessionConfig* config, void* work, int32_t work_size);
 
@@ -150,14 +147,12 @@ ZEL_RTC_SPEECH_TO_TEXT_API uint32_t zelRtcSpeechToTextSession_Destroy(ZelRtcSpee
  * reported under identifiers of each operation's own, with code -2. */
 
 /** 0 disables recognition of the member: the utterance under way is dropped at the host's next update, finished ones
- * are
- * still posted. Any other value enables it and is stored as given. 1 when found, otherwise 0 ("W2022102700"). */
+ * are still posted. Any other value enables it and is stored as given. 1 when found, otherwise 0 ("W2022102700"). */
 ZEL_RTC_SPEECH_TO_TEXT_API uint32_t zelRtcSpeechToTextSession_EnableMember(ZelRtcSpeechToTextSessionHn session,
                                                                            const char* client_id, uint32_t enabled);
 
-/** The value that was stored last, 0 when not found ("W2022110822"). A recognizer starts with 1 and passes its value
- * on to
- * its next member. */
+/** The value that was stored last, 0 when not found ("W2022110822"). A recognizer starts with 1 and passes its value on
+ * to its next member. */
 ZEL_RTC_SPEECH_TO_TEXT_API uint32_t zelRtcSpeechToTextSession_IsEnabledMember(ZelRtcSpeechToTextSessionHn session,
                                                                               const char* client_id);
 
