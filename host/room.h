@@ -17,8 +17,9 @@
 //
 // Thread rule. Every operation may be called from any thread. feed is meant for audio threads: it never throws and
 // never waits for the service. pump, reset, add_member and the setters wait while a recognizer is taken back, which
-// lasts as long as an exchange that is cut off by its leave deadline. Events are called on the thread that pumps, in
-// order, with no lock of the room held: they may call every operation but pump, leave and close.
+// lasts as long as an exchange that is cut off by its leave deadline. Events are called on the thread that pumps, with
+// no lock of the room held: they may call every operation but pump, leave and close. They come in order as long as one
+// thread at a time pumps, leaves or closes.
 //
 // Errors. feed answers with a FrameResult. All other operations throw RoomError or, without memory, std::bad_alloc, and
 // have changed nothing then; but members go on leaving when leave or close fails while it pumps. The recognition's own

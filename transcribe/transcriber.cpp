@@ -3,9 +3,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -151,8 +154,10 @@ bool Transcriber::feed_members() {
 
 void Transcriber::write(const host::RoomText& text) {
   MemberFeed& feed = *member(text.member_id).feed;
-  // Whoever read the output has gone; an exchange in flight would hold an orderly end up for seconds.
-  if (!captions_.write({text, feed.language(), feed.take_stretch(text.utterance)})) std::_Exit(kFailure);
+  if (captions_.write({text, feed.language(), feed.take_stretch(text.utterance)})) return;
+  if (errno != EPIPE) std::fprintf(stderr, "zel-transcribe: cannot write: %s\n", std::strerror(errno));
+  // Nobody hears the rest; an exchange in flight would hold an orderly end up for seconds.
+  std::_Exit(kFailure);
 }
 
 void Transcriber::look_at(Member& member) {

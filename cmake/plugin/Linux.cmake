@@ -14,5 +14,7 @@ if(NOT ZEL_SANITIZE)
   target_link_options(zel_rtc_speech_to_text PRIVATE -Wl,--no-undefined)
 endif()
 
+# Found from the file's own place, so that an installation can be moved.
+file(RELATIVE_PATH prefix_from_pkgconfig /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(zel_rtc_speech_to_text.pc.in zel_rtc_speech_to_text.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zel_rtc_speech_to_text.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
