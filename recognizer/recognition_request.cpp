@@ -226,7 +226,7 @@ std::uint32_t zelSttRequest_CheckCompletion(SttRequest* request) {
 
 std::uint32_t zelSttRequest_ParseReply(SttRequest* request, WreqResponse* response) {
   if (zelErr_Refuse(request == nullptr, "E2022111014") || zelErr_Refuse(response == nullptr, "E2022111015")) return 0;
-  zelJsonReader_Open(request->json_work, reinterpret_cast<char*>(response->data));
+  zelJsonReader_OpenSized(request->json_work, reinterpret_cast<char*>(response->data), response->data_size);
   request->succeeded = std::strcmp(ReplyValue(request, "result"), "success") == 0 ? 1 : 0;
   zelString_Copy(request->reply_version, kVersionSize, ReplyValue(request, "version"));
   if (request->succeeded == 1) {

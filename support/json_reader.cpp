@@ -11,6 +11,7 @@ namespace {
 
 constexpr std::uint32_t kMaxChildren = 512;  // reaching this count fails the parse
 constexpr int kNearEscape = 8;               // characters behind an escape sequence that are looked at one by one
+constexpr std::size_t kBlock = 16;           // bytes that are looked at together
 constexpr std::size_t kPointerSize = sizeof(void*);
 constexpr std::size_t kArrayScratch = kMaxChildren * kPointerSize;
 constexpr std::size_t kObjectScratch = 2 * kArrayScratch;
@@ -77,16 +78,27 @@ char* SkipEscape(char* at) {
   return at;
 }
 
-// The next quote or backslash, or `end`. Sixteen bytes at a time while they are there: one at a time, long texts would
-// take three times as long.
-char* FindSpecial(char* at, [[maybe_unused]] char* end) {
 #ifdef __SSE2__
-  for (; end - at >= 16; at += 16) {
-    const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
-    const __m128i found =
-        _mm_or_si128(_mm_cmpeq_epi8(block, _mm_set1_epi8('"')), _mm_cmpeq_epi8(block, _mm_set1_epi8('\\')));
-    const int mask = _mm_movemask_epi8(found);
-    if (mask != 0) return at + __builtin_ctz(static_cast<unsigned>(mask));
+// One bit for each of sixteen bytes: set for a quote, backslash or NUL.
+unsigned MarkSpecials(const char* block) {
+  const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(block));
+  const __m128i quotes = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('"'));
+  const __m128i backslashes = _mm_cmpeq_epi8(bytes, _mm_set1_epi8('\\'));
+  const __m128i terminators = _mm_cmpeq_epi8(bytes, _mm_setzero_si128());
+  return static_cast<unsigned>(_mm_movemask_epi8(_mm_or_si128(_mm_or_si128(quotes, backslashes), terminators)));
+}
+#endif
+
+// The next quote, backslash or NUL. Sixteen bytes at a time: one at a time, long texts would take three times as long.
+// The last block, which ends with the terminator, may have begun before `at`. Always inline: most strings are short.
+[[gnu::always_inline]] inline char* FindSpecial(char* at, [[maybe_unused]] char* last_block) {
+#ifdef __SSE2__
+  if (last_block != nullptr) {
+    for (; at < last_block; at += kBlock) {
+      const unsigned marks = MarkSpecials(at);
+      if (marks != 0) return at + __builtin_ctz(marks);
+    }
+    return at + __builtin_ctz(MarkSpecials(last_block) >> (at - last_block));
   }
 #endif
   while (!Is(*at, kStringSpecial))
@@ -95,22 +107,27 @@ char* FindSpecial(char* at, [[maybe_unused]] char* end) {
 }
 
 // Escape sequences come in rows, and seldom far apart: behind one, a few characters are looked at one by one.
-char* FindNearSpecial(char* at, char* end) {
+char* FindNearSpecial(char* at, char* last_block) {
   for (int near = kNearEscape; near > 0; --near, ++at) {
     if (Is(*at, kStringSpecial)) return at;
   }
-  return FindSpecial(at, end);
+  return FindSpecial(at, last_block);
 }
 
-char* ScanString(char* at, char* end) {
-  at = FindSpecial(at, end);
-  while (*at == '\\') {
+// From the first backslash on. Not inlined: most strings have none.
+[[gnu::noinline]] char* ScanEscaped(char* at, char* last_block) {
+  do {
     do
       at = SkipEscape(at);
     while (*at == '\\');
-    at = FindNearSpecial(at, end);
-  }
+    at = FindNearSpecial(at, last_block);
+  } while (*at == '\\');
   return at;
+}
+
+inline char* ScanString(char* at, char* last_block) {
+  at = FindSpecial(at, last_block);
+  return *at == '\\' ? ScanEscaped(at, last_block) : at;
 }
 
 // A number or literal ends at the first byte that cannot belong to one; a token of no class takes all that is left.
@@ -135,13 +152,15 @@ char* ScanBare(char* at) {
 inline char* ParseScalar(JsonReader* reader, char* at, const JsonNode** node) {
   auto* scalar = static_cast<JsonScalar*>(TakeArena(reader, sizeof(JsonScalar)));
   if (scalar == nullptr) return nullptr;
-  const bool quoted = *at == '"';
-  char* start = quoted ? at + 1 : at;
-  char* end = quoted ? ScanString(start, reader->end) : ScanBare(start);
-  scalar->head = {JsonNodeType_Scalar, static_cast<std::uint32_t>(end - start)};
-  scalar->text = start;
   *node = &scalar->head;
-  return quoted && *end == '"' ? end + 1 : end;
+  if (*at == '"') [[likely]] {
+    char* end = ScanString(at + 1, reader->last_block);
+    *scalar = {{JsonNodeType_Scalar, static_cast<std::uint32_t>(end - at - 1)}, at + 1};
+    return *end == '"' ? end + 1 : end;
+  }
+  char* end = ScanBare(at);
+  *scalar = {{JsonNodeType_Scalar, static_cast<std::uint32_t>(end - at)}, at};
+  return end;
 }
 
 char* ParseArray(JsonReader* reader, char* at, const JsonNode** node);
@@ -246,11 +265,18 @@ char* ParseRoot(JsonReader* reader, char* at, const JsonNode** node) {
 }  // namespace
 
 JsonReader* zelJsonReader_Open(JsonReader* reader, char* text) {
+  return zelJsonReader_OpenSized(reader, text, text != nullptr ? std::strlen(text) : 0);
+}
+
+JsonReader* zelJsonReader_OpenSized(JsonReader* reader, char* text, std::size_t size) {
   static char empty[1] = "";
-  if (text == nullptr) text = empty;
+  if (text == nullptr) {
+    text = empty;
+    size = 0;
+  }
   reader->arena_top = reader->arena;
   reader->scratch_top = reader->scratch;
-  reader->end = text + std::strlen(text);
+  reader->last_block = size + 1 >= kBlock ? text + size + 1 - kBlock : nullptr;
   const JsonNode* root = nullptr;
   reader->cursor = ParseRoot(reader, SkipSpace(text), &root);
   reader->root = reader->cursor != nullptr ? root : nullptr;

@@ -46,7 +46,7 @@ struct JsonReader {
   std::uint8_t* scratch_top;
   char* cursor;          // behind the top-level value; null when the last parse failed
   const JsonNode* root;  // null when the last parse failed
-  char* end;             // the terminator of the text
+  char* last_block;      // the last 16 bytes of the text, terminator included; null when it has fewer
 };
 
 // Parses the NUL-terminated `text` (null counts as empty) and keeps its root; returns the reader whether or not that
@@ -54,6 +54,9 @@ struct JsonReader {
 // Prints "INVALID TYPE" to standard output when the text starts with no container, "UNKOWN TYPE" for an element or
 // member value of no known class; other errors are silent.
 JsonReader* zelJsonReader_Open(JsonReader* reader, char* text);
+
+// The same, in one pass, for a text whose length is known: text[size] is 0. An earlier NUL ends the text, too.
+JsonReader* zelJsonReader_OpenSized(JsonReader* reader, char* text, std::size_t size);
 
 // The raw text of the top-level member `key` (compared with the raw key text, the first of several wins),
 // NUL-terminated in place. `fallback` when there is no such member or its value is a container.

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -22,14 +23,17 @@ std::string Object(const std::string& members) {
   return "{" + members + "}";
 }
 
-// Parses `text`. What stands behind its terminator would lead a reader that goes on there far astray.
+// Parses `text`, once with the length of all its bytes. What stands behind its terminator would lead a reader that goes on
+// there far astray.
 class Parsed {
  public:
   explicit Parsed(const std::string& text) : bytes_(text + '\0' + Repeat("\"}]", 20)) {
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(zelJsonReader_Open(reader_.get(), bytes_.data()), reader_.get());
-    std::fflush(stdout);
-    printed = testing::internal::GetCapturedStdout();
+    const std::string printed_sized =
+        Print([this] { zelJsonReader_OpenSized(reader_.get(), bytes_.data(), bytes_.size()); });
+    const char* cursor = reader_->cursor;
+    printed = Print([this] { EXPECT_EQ(zelJsonReader_Open(reader_.get(), bytes_.data()), reader_.get()); });
+    EXPECT_EQ(printed, printed_sized);
+    EXPECT_EQ(reader_->cursor, cursor) << "with the length of more bytes";
     EXPECT_EQ(reader_->cursor != nullptr, succeeded());
     EXPECT_LE(reader_->cursor, bytes_.data() + text.size()) << "read behind the terminator";
   }
@@ -40,6 +44,13 @@ class Parsed {
   std::string printed;
 
  private:
+  static std::string Print(const std::function<void()>& parse) {
+    testing::internal::CaptureStdout();
+    parse();
+    std::fflush(stdout);
+    return testing::internal::GetCapturedStdout();
+  }
+
   std::string bytes_;
   std::unique_ptr<JsonReader> reader_ = std::make_unique<JsonReader>();
 };
