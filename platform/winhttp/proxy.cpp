@@ -10,22 +10,21 @@ namespace {
 constexpr char kSeparators[] = "; \t\r\n";
 constexpr char kBlanks[] = " \t\r\n";
 
-// Value of a variable, null when unset or empty.
-const char* Variable(const char* name, const char* other_name) {
+// Value of a variable from its first visible byte on, null when there is none.
+const char* Variable(const char* name, const char* other_name = nullptr) {
   const char* value = getenv(name);
-  if ((value == nullptr || *value == '\0') && other_name != nullptr) value = getenv(other_name);
-  return value != nullptr && *value != '\0' ? value : nullptr;
+  if (value != nullptr) value += strspn(value, kBlanks);
+  if (value != nullptr && *value != '\0') return value;
+  return other_name != nullptr ? Variable(other_name) : nullptr;
 }
 
-// A proxy without the blanks around it. Inside, separators and bytes above 127 become %XX: the same in user name and
+// A proxy without the blanks behind it. Inside, separators and bytes above 127 become %XX: the same in user name and
 // password, and nothing that resolves in a host, so that a malformed proxy fails the exchange and is never gone past.
 void AppendEntry(TextBuffer* list, const char* scheme, const char* proxy) {
   if (proxy == nullptr) return;
-  proxy += strspn(proxy, kBlanks);
   size_t size = strlen(proxy);
-  while (size > 0 && strchr(kBlanks, proxy[size - 1]) != nullptr)
+  while (strchr(kBlanks, proxy[size - 1]) != nullptr)
     --size;
-  if (size == 0) return;
   if (list->size > 0) zelHttpText_AppendString(list, ";");
   zelHttpText_AppendString(list, scheme);
   for (const char* end = proxy + size; proxy < end; ++proxy) {
@@ -120,7 +119,7 @@ bool zelHttpProxy_ReadEnvironment(wchar_t** list, wchar_t** bypass) {
   const char* exceptions = Variable("no_proxy", "NO_PROXY");
   if (exceptions != nullptr && strcmp(exceptions, "*") == 0) return true;
   const char* any = Variable("all_proxy", "ALL_PROXY");
-  const char* http = Variable("http_proxy", nullptr);
+  const char* http = Variable("http_proxy");
   const char* https = Variable("https_proxy", "HTTPS_PROXY");
   TextBuffer proxies = {};
   AppendEntry(&proxies, "http=", http != nullptr ? http : any);
@@ -150,9 +149,22 @@ char* zelHttpProxy_Select(const char* list, const char* bypass, bool secure, con
     const char* server = EntryFor(entry, &size, secure);
     if (server != nullptr && size > 0 && !IsBypassed(bypass, host)) {
       if (!HasScheme(server, size)) zelHttpText_AppendString(&proxy, "http://");
+      if (*server == ':') zelHttpText_AppendString(&proxy, "127.0.0.1");  // a port alone is one of this machine
       zelHttpText_Append(&proxy, server, size);
     }
     entry += entry_size;
   }
   return zelHttpText_Take(&proxy);
+}
+
+bool zelHttpProxy_IsPortValid(const char* proxy) {
+  if (*proxy == '\0') return true;
+  const char* host = strstr(proxy, "://") + 3;
+  const char* end = host + strcspn(host, "/?#");
+  const char* port = nullptr;
+  for (; host < end; ++host) {
+    if (*host == ':') port = host + 1;
+    if (*host == '@' || *host == ']') port = nullptr;  // it was a password, or a part of an address
+  }
+  return port == nullptr || (port + strspn(port, "0123456789") == end && strtoul(port, nullptr, 10) <= 65535);
 }

@@ -74,7 +74,7 @@ bool SetOptions(Request* request, const char* proxy, bool secure) {
   CURL* easy = request->transfer.easy;
   return SetDestination(request, proxy) && SetProxy(easy, proxy) && SetVerb(request) &&
          (request->user == nullptr || SetCredentials(easy, request->user, request->password)) &&
-         (!secure || zelHttpTrustStore_Use(easy)) &&
+         (!secure || zelHttpTrustStore_Use(&request->transfer)) &&
          curl_easy_setopt(easy, CURLOPT_USERAGENT, request->settings->agent) == CURLE_OK &&
          curl_easy_setopt(easy, CURLOPT_HTTPHEADER, zelHttpHeaderList_Link(&request->headers)) == CURLE_OK;
 }
@@ -86,10 +86,13 @@ DWORD SendHop(Request* request) {
   if (!zelHttpUrl_IsHost(endpoint.host)) return ERROR_WINHTTP_NAME_NOT_RESOLVED;
   const SessionSettings* settings = request->settings;
   char* proxy = zelHttpProxy_Select(settings->proxy_list, settings->proxy_bypass, endpoint.secure, endpoint.host);
-  const bool secure = endpoint.secure || (proxy != nullptr && zelHttpText_HasPrefix(proxy, "https", 5));
-  const bool ok = proxy != nullptr && SetOptions(request, proxy, secure);
+  if (proxy == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
+  const bool secure = endpoint.secure || zelHttpText_HasPrefix(proxy, "https", 5);
+  const bool valid = zelHttpProxy_IsPortValid(proxy);
+  const bool ok = !valid || SetOptions(request, proxy, secure);
   free(proxy);
   if (!ok) return ERROR_NOT_ENOUGH_MEMORY;
+  if (!valid) return ERROR_WINHTTP_CANNOT_CONNECT;
   const DWORD error =
       zelHttpTransfer_Start(&request->transfer, &settings->limits, IsHead(request) ? 0 : request->body_size, secure);
   return error != 0 ? error : zelHttpTransfer_AwaitSent(&request->transfer);
@@ -99,22 +102,27 @@ bool IsRedirect(long status) {
   return (status >= 300 && status <= 303) || status == 307 || status == 308;
 }
 
-// The first line of a response head from `line` on that begins with `name`; null when there is none.
-const char* FindLine(const char* line, const char* name) {
+// What is behind the colon of the first line of a response head from `line` on that has the name; null when there is
+// none. Blanks in front of the colon are let pass.
+const char* FindValue(const char* line, const char* name) {
   const size_t size = strlen(name);
-  while (line != nullptr && *line != '\0' && !zelHttpText_HasPrefix(line, name, size)) {
+  while (line != nullptr && *line != '\0') {
+    if (zelHttpText_HasPrefix(line, name, size)) {
+      const char* colon = line + size + strspn(line + size, " \t");
+      if (*colon == ':') return colon + 1;
+    }
     // A NUL inside a line ends the search.
     line = strstr(line, "\r\n");
     if (line != nullptr) line += 2;
   }
-  return line != nullptr && *line != '\0' ? line : nullptr;
+  return nullptr;
 }
 
 // Value of the Location header, null when it is missing or empty.
 const char* FindLocation(const char* head, size_t* size) {
-  const char* value = FindLine(head, "Location:");
+  const char* value = FindValue(head, "Location");
   if (value == nullptr) return nullptr;
-  value += 9 + strspn(value + 9, " \t");
+  value += strspn(value, " \t");
   *size = strcspn(value, "\r");
   while (*size > 0 && (value[*size - 1] == ' ' || value[*size - 1] == '\t'))
     --*size;
@@ -124,11 +132,12 @@ const char* FindLocation(const char* head, size_t* size) {
 // Hands the cookies of a redirect to libcurl for the next request to the same origin. libcurl looks cookies up by
 // domain, so each gets this host's, in place of one that it may name itself.
 DWORD KeepCookies(Request* request) {
-  const char* line = request->transfer.head.data;
-  while ((line = FindLine(line, "Set-Cookie:")) != nullptr) {
-    const size_t size = strcspn(line, "\r");
+  const char* value = request->transfer.head.data;
+  while ((value = FindValue(value, "Set-Cookie")) != nullptr) {
+    const size_t size = strcspn(value, "\r");
     TextBuffer buffer = {};
-    zelHttpText_Append(&buffer, line, size);
+    zelHttpText_AppendString(&buffer, "Set-Cookie:");
+    zelHttpText_Append(&buffer, value, size);
     zelHttpText_AppendString(&buffer, "; domain=");
     zelHttpText_AppendString(&buffer, request->endpoint.host);
     char* cookie = zelHttpText_Take(&buffer);
@@ -136,7 +145,7 @@ DWORD KeepCookies(Request* request) {
         cookie != nullptr && curl_easy_setopt(request->transfer.easy, CURLOPT_COOKIELIST, cookie) == CURLE_OK;
     free(cookie);
     if (!ok) return ERROR_NOT_ENOUGH_MEMORY;
-    line += size;
+    value += size;
   }
   return 0;
 }

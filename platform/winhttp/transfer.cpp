@@ -73,6 +73,12 @@ int OnConnected(void* user, char*, char*, int, int) {
   return CURL_PREREQFUNC_OK;
 }
 
+// Called between any two bytes of a proxy's answer to CONNECT, which libcurl reads to its end before it returns.
+int OnProgress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  Transfer* transfer = static_cast<Transfer*>(user);
+  return transfer->phase == TRANSFER_CONNECT && zelHttpTransfer_IsOver(transfer) ? 1 : 0;
+}
+
 void EndHead(Transfer* transfer) {
   transfer->status = GetLong(transfer->easy, CURLINFO_RESPONSE_CODE);
   transfer->head_complete = transfer->status < 100 || transfer->status > 199;
@@ -163,6 +169,7 @@ void Step(Transfer* transfer) {
   for (CURLMsg* message; running == 0 && (message = curl_multi_info_read(transfer->multi, &left)) != nullptr;) {
     if (message->msg == CURLMSG_DONE) TakeResult(transfer, message->data.result);
   }
+  if (!transfer->done && transfer->callback_error != 0) End(transfer, transfer->callback_error);
 }
 
 // Lets a paused transfer go on; that alone may bring bytes.
@@ -224,11 +231,18 @@ bool SetOptions(Transfer* transfer) {
   return ok;
 }
 
+bool WatchProgress(Transfer* transfer) {
+  return curl_easy_setopt(transfer->easy, CURLOPT_NOPROGRESS, 0L) == CURLE_OK &&
+         curl_easy_setopt(transfer->easy, CURLOPT_XFERINFODATA, transfer) == CURLE_OK &&
+         curl_easy_setopt(transfer->easy, CURLOPT_XFERINFOFUNCTION, OnProgress) == CURLE_OK;
+}
+
 void Stop(Transfer* transfer) {
   if (!transfer->started) return;
   SignalGuard guard;
   const bool writes = MayWrite(transfer);
   if (writes) zelHttpSignal_Block(&guard);
+  transfer->deadline = 0;  // the farewell of TLS reads no more than has come
   curl_multi_remove_handle(transfer->multi, transfer->easy);
   if (writes) zelHttpSignal_Restore(&guard);
   transfer->started = false;
@@ -265,6 +279,7 @@ DWORD zelHttpTransfer_Start(Transfer* transfer, const TransferLimits* limits, ui
   transfer->queue_begin = transfer->queue.size = 0;
   BeginPhase(transfer, TRANSFER_RESOLVE);
   transfer->start = Now();
+  if (secure && !WatchProgress(transfer)) return ERROR_NOT_ENOUGH_MEMORY;  // a tunnel is for TLS
   if (curl_multi_add_handle(transfer->multi, transfer->easy) != CURLM_OK) return ERROR_NOT_ENOUGH_MEMORY;
   transfer->started = true;
   return 0;
@@ -284,6 +299,12 @@ DWORD zelHttpTransfer_AwaitHead(Transfer* transfer) {
 DWORD zelHttpTransfer_AwaitBody(Transfer* transfer) {
   Await(transfer, HasBody);
   return HasBody(transfer) ? 0 : transfer->error;
+}
+
+bool zelHttpTransfer_IsOver(Transfer* transfer) {
+  if (transfer->deadline == INT64_MAX || Now() < transfer->deadline) return false;
+  if (transfer->callback_error == 0) transfer->callback_error = ERROR_WINHTTP_TIMEOUT;
+  return true;
 }
 
 size_t zelHttpTransfer_GetQueued(const Transfer* transfer) {

@@ -65,6 +65,10 @@ DWORD zelHttpTransfer_AwaitSent(Transfer* transfer);
 DWORD zelHttpTransfer_AwaitHead(Transfer* transfer);
 DWORD zelHttpTransfer_AwaitBody(Transfer* transfer);
 
+// For callbacks in the middle of what a peer can draw out by sending on and on: whether the deadline has passed. Then
+// the transfer ends as timed out, and the callback sees to it that libcurl returns.
+bool zelHttpTransfer_IsOver(Transfer* transfer);
+
 // Body bytes that can be read without waiting.
 size_t zelHttpTransfer_GetQueued(const Transfer* transfer);
 

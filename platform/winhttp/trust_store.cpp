@@ -34,52 +34,77 @@ void CompareBackend() {
                       strcmp(backend + sizeof kName - 1, OpenSSL_version(OPENSSL_VERSION_STRING)) == 0;
 }
 
-// Adds a file's or a folder's certificates. What is missing or no certificate is left out; false only when memory or
-// descriptors ran short, which may be over soon. A shortage may leave no trace but the failure, or a trace but none.
-bool Add(X509_STORE* store, const char* file, const char* folder) {
-  if (file == nullptr && folder == nullptr) return true;
+enum AddResult : int {
+  ADDED_ALL = 0,
+  ADDED_PART = 1,  // something is missing or no certificate
+  RAN_SHORT = 2,   // of memory or descriptors, which may be over soon
+};
+
+// Adds a file's or a folder's certificates. Not every shortage can be told from something missing: some leave no trace
+// but the failure, some a trace but no failure, and some the trace of something else.
+AddResult Add(X509_STORE* store, const char* file, const char* folder) {
+  if (file == nullptr && folder == nullptr) return ADDED_ALL;
   ERR_clear_error();
-  bool ok = X509_STORE_load_locations(store, file, folder) == 1 || ERR_peek_error() != 0;
+  const bool ok = X509_STORE_load_locations(store, file, folder) == 1;
+  bool shortage = !ok && ERR_peek_error() == 0;
   for (unsigned long error; (error = ERR_get_error()) != 0;) {
     const int reason = ERR_GET_REASON(error);
     const bool system = ERR_GET_LIB(error) == ERR_LIB_SYS;
-    if (system ? reason == EMFILE || reason == ENFILE || reason == ENOMEM : reason == ERR_R_MALLOC_FAILURE) ok = false;
+    if (system ? reason == EMFILE || reason == ENFILE || reason == ENOMEM : reason == ERR_R_MALLOC_FAILURE)
+      shortage = true;
   }
-  return ok;
+  if (shortage) return RAN_SHORT;
+  return ok ? ADDED_ALL : ADDED_PART;
 }
 
 // Null on a shortage. Without certificates no server is trusted.
-X509_STORE* LoadStore() {
+X509_STORE* LoadStore(bool* whole) {
+  *whole = false;
   X509_STORE* store = X509_STORE_new();
   if (store == nullptr) return nullptr;
+  const AddResult file = Add(store, BundleFile(), nullptr);
+  const AddResult folder = file != RAN_SHORT ? Add(store, nullptr, BundleFolder()) : RAN_SHORT;
   // The flags are those that libcurl gives its own.
-  if (Add(store, BundleFile(), nullptr) && Add(store, nullptr, BundleFolder()) &&
-      X509_STORE_set_flags(store, X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN) == 1) {
+  if (folder != RAN_SHORT && X509_STORE_set_flags(store, X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN) == 1) {
+    *whole = file == ADDED_ALL && folder == ADDED_ALL;
     return store;
   }
   X509_STORE_free(store);
   return nullptr;
 }
 
-// The shared certificates; null on a shortage: the next handshake tries again.
-X509_STORE* GetStore() {
+// A reference to the shared certificates or, while not all can be loaded, to those of one handshake alone: the next one
+// tries again. Null on a shortage.
+X509_STORE* TakeStore() {
   X509_STORE* store = __atomic_load_n(&trusted, __ATOMIC_ACQUIRE);
-  if (store != nullptr) return store;
-  pthread_mutex_lock(&loading);
-  store = trusted;
-  if (store == nullptr) {
-    store = LoadStore();
-    __atomic_store_n(&trusted, store, __ATOMIC_RELEASE);
+  bool shared = store != nullptr;
+  if (!shared) {
+    pthread_mutex_lock(&loading);
+    store = trusted;
+    shared = store != nullptr;
+    if (!shared) store = LoadStore(&shared);
+    if (shared) __atomic_store_n(&trusted, store, __ATOMIC_RELEASE);
+    pthread_mutex_unlock(&loading);
   }
-  pthread_mutex_unlock(&loading);
+  if (shared) X509_STORE_up_ref(store);
   return store;
 }
 
-CURLcode PrepareContext(CURL*, void* context, void*) {
-  X509_STORE* store = GetStore();
-  if (store == nullptr) return CURLE_OUT_OF_MEMORY;
+// OpenSSL does not return from a handshake, nor from reading behind one, as long as a peer sends handshake messages
+// faster than they are taken. Behind the deadline nothing more comes: it reads from where nothing ever is. That is
+// neither an error nor an end, so that a body which lasts until the end of the stream cannot seem whole.
+void OnMessage(int written, int, int, const void*, size_t, SSL* ssl, void* user) {
+  if (written != 0 || !SSL_in_init(ssl) || !zelHttpTransfer_IsOver(static_cast<Transfer*>(user))) return;
+  SSL_set0_rbio(ssl, BIO_new(BIO_s_mem()));  // reading fails without
+}
+
+CURLcode PrepareContext(CURL*, void* context, void* user) {
   SSL_CTX* ssl = static_cast<SSL_CTX*>(context);
-  SSL_CTX_set1_cert_store(ssl, store);
+  X509_STORE* store = TakeStore();
+  if (store == nullptr) return CURLE_OUT_OF_MEMORY;
+  SSL_CTX_set_cert_store(ssl, store);
+  SSL_CTX_set_msg_callback(ssl, OnMessage);
+  SSL_CTX_set_msg_callback_arg(ssl, user);
 #ifdef SSL_OP_IGNORE_UNEXPECTED_EOF
   // Many servers end a connection without saying so; lengths tell whether a body is whole.
   SSL_CTX_set_options(ssl, SSL_OP_IGNORE_UNEXPECTED_EOF);
@@ -87,12 +112,14 @@ CURLcode PrepareContext(CURL*, void* context, void*) {
   return CURLE_OK;
 }
 
-bool UseShared(CURL* easy) {
+bool UseShared(Transfer* transfer) {
+  CURL* easy = transfer->easy;
   constexpr CURLoption kSources[] = {CURLOPT_CAINFO, CURLOPT_CAPATH, CURLOPT_PROXY_CAINFO, CURLOPT_PROXY_CAPATH};
   for (const CURLoption source : kSources) {
     if (curl_easy_setopt(easy, source, static_cast<char*>(nullptr)) != CURLE_OK) return false;
   }
-  return curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, PrepareContext) == CURLE_OK;
+  return curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, transfer) == CURLE_OK &&
+         curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, PrepareContext) == CURLE_OK;
 }
 
 bool UseOwnOfLibrary(CURL* easy) {
@@ -112,7 +139,8 @@ bool UseOwnOfLibrary(CURL* easy) {
 
 }  // namespace
 
-bool zelHttpTrustStore_Use(CURL* easy) {
+bool zelHttpTrustStore_Use(Transfer* transfer) {
+  CURL* easy = transfer->easy;
   pthread_once(&backend_once, CompareBackend);
   constexpr long kVersion = CURL_SSLVERSION_TLSv1_2;
   if (curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L) != CURLE_OK ||
@@ -122,5 +150,5 @@ bool zelHttpTrustStore_Use(CURL* easy) {
       curl_easy_setopt(easy, CURLOPT_PROXY_SSLVERSION, kVersion) != CURLE_OK) {
     return false;
   }
-  return is_backend_shared ? UseShared(easy) : UseOwnOfLibrary(easy);
+  return is_backend_shared ? UseShared(transfer) : UseOwnOfLibrary(easy);
 }

@@ -77,6 +77,7 @@ std::vector<ExchangeCase> ReplyCases() {
        {.url = "http://name.invalid/p", .proxy = "127.0.0.1:{port}"},
        Success("p"),
        {"POST http://name.invalid:80/p HTTP/1.1\r\n"}},
+      {"a port as the proxy", Ok("p"), {.url = "http://name.invalid/p", .proxy = ":{port}"}, Success("p")},
       NotOnWindows(kWineProxies,
                    {"a tunnel", {stands}, tunnel, Success("ok"), {"CONNECT localhost:", "POST /p ", "Bearer t"}}),
       {"target unchanged",
@@ -154,6 +155,8 @@ std::vector<ExchangeCase> RefusedCases() {
       {"host of forbidden bytes", {}, To("http://h\xC3\xA9 x/"), Failure(kSend, 12007, 2)},
       {"empty host", {}, To("http:///a"), Failure(kSend, 12029, 3)},
       {"nobody listens", {}, To("http://127.0.0.1:1/"), Failure(kSend, 12029, 3)},
+      {"proxy's port of letters", {}, {.proxy = "127.0.0.1:abc"}, Failure(kSend, 12029, 3)},
+      {"proxy's port out of range", {}, {.proxy = "127.0.0.1:99999"}, Failure(kSend, 12029, 3)},
   };
 }
 

@@ -312,6 +312,11 @@ std::vector<ExchangeCase> RedirectCases() {
     c.not_sent = {"\r\nX-Evil", "secret", "Authorization"};
     c.windows = {kWineRedirects};
   }
+  ExchangeCase& blanks = cases.emplace_back(cases.back());
+  blanks.name = "blanks in front of the colon";
+  blanks.server[0] = {ReadRequest(), Send(Hop("307 R\r\nLocation \t: /n", "/other"))};
+  blanks.expected = Success("n");
+  blanks.sent.push_back("POST /n HTTP");
   return cases;
 }
 
@@ -365,7 +370,7 @@ std::vector<ExchangeCase> SecretCases() {
 
 std::vector<ExchangeCase> SlowCases() {
   const std::string head = kHead, chunked = kChunkedHead;
-  const std::string sized = head + "Content-Length: 999\r\n\r\n";
+  const std::string sized = head + "Content-Length: 999\r\n\r\n", huge = "Content-Length: 99999999999\r\n\r\n";
   const struct {
     const char* name;
     const Way& way;
@@ -388,6 +393,8 @@ std::vector<ExchangeCase> SlowCases() {
       {"trickling chunk extension", kPlain, {ReadRequest(), Send(chunked + "5;"), Trickle("x")}, kData},
       {"flood in a chunk extension", kPlain, {ReadRequest(), Send(chunked + "5;"), Flood(Block("x"))}, kData},
       {"flood of trailers", kPlain, {ReadRequest(), Send(chunked + "0\r\n"), Flood(Block("T: 1\r\n"))}, kData},
+      {"flood of hello requests", kToTls, {Flood(Block(std::string("\x16\3\3\0\4\0\0\0\0", 9)))}, kSend},
+      {"endless refusal", kToTunnel, {Send("HTTP/1.1 407 Who\r\n" + huge), Flood(Block("x"))}, kSend},
   };
   std::vector<ExchangeCase> cases;
   for (const auto& [name, way, rest, report] : kWaits) {
