@@ -31,21 +31,22 @@ PANELS = (
     ("reply", "100_success", "", "Reply of 100 bytes, read"),
     ("reply", "400_success", "", "Reply of 400 bytes, read"),
     ("reply", "1200_escapes", "", "1,200 bytes, full of escapes"),
-    ("pool", "", "", "Packet taken and released"),
+    ("pool", "locked", "", "Packet taken, released under a lock"),
     ("exchange_plain", "", "cpu", "Exchange over HTTP, CPU"),
     ("exchange_tls", "", "cpu", "Exchange over HTTPS, CPU"),
     ("hand_over", "request", "p50_us", "Hand-over to the worker, median"),
     ("last_words", "40ms", "p50_ms", "Last words to text, 40 ms updates"),
     ("update_warm", "", "", "Update of 1,000 idle, warm"),
     ("update_cold", "", "", "Update of 1,000 idle, cold"),
-    ("creation", "fresh", "", "Session of 1,000 created"),
+    ("creation", "fresh", "", "Session of 250, created"),
     ("memory", "", "bytes", "Memory per recognizer"),
     ("pipeline", "", "cpu_per_second_of_audio", "CPU per second of audio"),
 )
-NAMES = {"plugin": "plug-in", "limit": "limit", "libavformat": "libavformat", "gstreamer": "GStreamer",
-         "rapidjson": "RapidJSON", "nlohmann": "nlohmann-json", "limit_bytewise": "limit", "two_calls": "two calls",
-         "condition_variable": "condition variable", "curl_bundle": "system bundle",
-         "sockets": "bare sockets"}
+NAMES = {"plugin": "plug-in", "limit_bytewise": "limit", "gstreamer": "GStreamer", "rapidjson": "RapidJSON",
+         "nlohmann": "nlohmann-json", "two_calls": "two calls", "counter_two_calls": "counter, two calls",
+         "called": "limit, called", "handshake": "with handshake", "condition_variable": "condition variable",
+         "sockets": "bare sockets", "curl_bundle": "system bundle", "curl_contract": "with our options",
+         "curl_threads": "libcurl threads"}
 
 
 def color_of(contestant):
@@ -104,8 +105,8 @@ def growth(axes, found):
         points.sort()
         axes.plot([x for x, _ in points], [y for _, y in points], style, color=OURS, linewidth=1.8, marker="o",
                   markersize=3.5)
-        axes.annotate(names.get(kind, kind), points[-1], xytext=(7, 4 if kind == "frame" else -5), textcoords="offset points", va="center",
-                      fontsize=8.5, color=INK)
+        axes.annotate(names.get(kind, kind), points[-1], xytext=(7, 4 if kind == "frame" else -5),
+                      textcoords="offset points", va="center", fontsize=8.5, color=INK)
     members = sorted({x for points in lines.values() for x, _ in points})
     axes.set_xticks(members[::2], [f"{x:,}" for x in members[::2]])
     axes.xaxis.set_minor_locator(NullLocator())
@@ -116,7 +117,7 @@ def growth(axes, found):
 
 
 def draw(folder, files):
-    found = report.read_times(sorted(folder.glob("*.json")))
+    found, _ = report.read_times(sorted(folder.glob("*.json")))
     panels = [(title, report.ROWS[row], found[row, variant, metric])
               for row, variant, metric, title in PANELS if (row, variant, metric) in found]
     if not panels:

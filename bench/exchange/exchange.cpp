@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "contestants.h"
+#include "program.h"
 
 namespace bench {
 namespace {
@@ -53,20 +54,22 @@ void check(const std::string& row, const std::string& origin, const std::vector<
 }
 
 void register_row(const std::string& row, const std::string& origin, const std::vector<Contestant>& contestants) {
-  check(row, origin, contestants);
+  const Shared<Post> post([=] {
+    check(row, origin, contestants);
+    return std::make_unique<Post>(make_post(origin, "/stt"));
+  });
   for (const Contestant& contestant : contestants) {
-    benchmark::RegisterBenchmark(
-        (row + "/" + contestant.name).c_str(),
-        [post = make_post(origin, "/stt"), contestant](auto& state) { measure(state, post, contestant.exchange); })
+    benchmark::RegisterBenchmark((row + "/" + contestant.name).c_str(),
+                                 [post, contestant](auto& state) { measure(state, post(), contestant.exchange); })
         ->Unit(benchmark::kMicrosecond)
         ->UseRealTime();
   }
 }
 
-using CurlExchange = std::string (*)(const Post&, const Trust&);
+using CurlExchange = std::string (*)(const Post&, const std::string&);
 
-Contestant curl(const char* name, const std::string& trusted_file, CurlExchange exchange = post_with_curl) {
-  return {name, [trusted_file, exchange](const Post& post) { return exchange(post, {trusted_file}); }};
+Contestant curl(const char* name, const std::string& trusted, CurlExchange exchange = post_with_curl) {
+  return {name, [trusted, exchange](const Post& post) { return exchange(post, trusted); }};
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// The benchmarks of this program. Each function registers its rows once what they need stands.
+// The benchmarks of this program. Each function registers its rows; what they need is made when the
+// first of their benchmarks runs.
 #pragma once
 
 #include <string>
@@ -13,7 +14,7 @@ struct Services {
   std::string bundle;     ///< PEM file with that and the system's certificates
 };
 
-/** exchange_plain and exchange_tls. Checks first that all contestants send and receive the same. */
+/** exchange_plain and exchange_tls. Checks before anything is measured that all contestants send and receive the same. */
 void register_exchanges(const Services& services);
 /** hand_over. */
 void register_hand_over();

@@ -14,7 +14,7 @@
 #include "contestants.h"
 #include "exchange.h"
 #include "room.h"
-#include "zel_rtc_speech_to_text.h"
+#include "room_session.h"
 
 namespace bench {
 namespace {
@@ -26,33 +26,6 @@ constexpr int kAudioFrames = 125;
 constexpr int kSilentFrames = 7;  // they end the utterance
 constexpr std::uint32_t kMember = 1;
 constexpr std::array<std::uint8_t, 80> kPacket{0x58};
-
-// The library with one session of one member.
-class Session {
- public:
-  Session() : library_(static_cast<std::size_t>(zelRtcSpeechToText_CalculateWorkSize(nullptr))) {
-    zelRtcSpeechToText_Initialize(nullptr, library_.data(), static_cast<std::int32_t>(library_.size()));
-    ZelRtcSpeechToTextSessionConfig config;
-    zelRtcSpeechToTextSession_SetDefaultConfig(&config);
-    config.max_identifiable_members = 1;
-    session_.resize(static_cast<std::size_t>(zelRtcSpeechToTextSession_CalculateWorkSize(&config)));
-    handle_ = zelRtcSpeechToTextSession_Create(&config, session_.data(), static_cast<std::int32_t>(session_.size()));
-    if (handle_ == nullptr) throw std::runtime_error("session");
-  }
-  ~Session() {
-    zelRtcSpeechToTextSession_Destroy(handle_);
-    zelRtcSpeechToText_Finalize();
-  }
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
-
-  ZelRtcSpeechToTextSessionHn handle() const { return handle_; }
-
- private:
-  std::vector<char> library_;
-  std::vector<char> session_;
-  ZelRtcSpeechToTextSessionHn handle_ = nullptr;
-};
 
 // Feeds the last frame at `begin` and updates from then on.
 class Plugin {
@@ -84,7 +57,8 @@ class Plugin {
 
  private:
   const std::chrono::milliseconds period_;
-  Session session_;
+  Library library_;
+  RoomSession session_{1};
   std::optional<Clock::time_point> heard_;
   zel::host::Room room_;
 };
@@ -97,7 +71,7 @@ class Limit {
 
   Milliseconds operator()() const {
     const auto begin = Clock::now();
-    benchmark::DoNotOptimize(post_with_curl(post_, {}));
+    benchmark::DoNotOptimize(post_with_curl(post_, ""));
     std::this_thread::sleep_for(period_);
     return Clock::now() - begin;
   }

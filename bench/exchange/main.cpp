@@ -1,5 +1,4 @@
 // bench_exchange: what an exchange costs, from the hand-over to the worker up to the text.
-#include <benchmark/benchmark.h>
 #include <curl/curl.h>
 
 #include <csignal>
@@ -14,6 +13,7 @@
 #include "exchange.h"
 #include "hostile_service.h"
 #include "loopback_service.h"
+#include "program.h"
 #include "zel_rtc_speech_to_text.h"
 
 namespace {
@@ -31,11 +31,11 @@ std::string system_certificates() {
 
 int run(int argc, char** argv) {
   // The services come first: they are forked, and this process must have no threads yet.
-  const bench_kit::Identity identity = bench_kit::MakeIdentity();
-  const bench_kit::LoopbackService plain(kReply);
-  const bench_kit::LoopbackService tls(kReply, &identity);
-  const bench_kit::TemporaryFile authority(identity.authority);
-  const bench_kit::TemporaryFile bundle(system_certificates() + identity.authority);
+  const bench::Identity identity = bench::make_identity();
+  const bench::LoopbackService plain(kReply);
+  const bench::LoopbackService tls(kReply, &identity);
+  const bench::TemporaryFile authority(identity.authority);
+  const bench::TemporaryFile bundle(system_certificates() + identity.authority);
   bench::use_no_proxy();
   setenv("SSL_CERT_FILE", bundle.path().c_str(), 1);  // what the plug-in trusts, whichever exchange comes first
   unsetenv("SSL_CERT_DIR");
@@ -43,14 +43,12 @@ int run(int argc, char** argv) {
   curl_global_init(CURL_GLOBAL_DEFAULT);
   zelRtcSpeechToText_SetBaseRtcBridgeInterface(&zel::host::bridge_interface());
 
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   const bench::Services services = {plain.origin(), tls.origin(), authority.path(), bundle.path()};
-  bench::register_exchanges(services);
-  bench::register_hand_over();
-  bench::register_last_words(services);
-  benchmark::RunSpecifiedBenchmarks();
-  return 0;
+  return bench::run_program(argc, argv, [&services] {
+    bench::register_exchanges(services);
+    bench::register_hand_over();
+    bench::register_last_words(services);
+  });
 }
 
 }  // namespace

@@ -18,7 +18,7 @@
 #include <stdexcept>
 #include <string_view>
 
-namespace bench_kit {
+namespace bench {
 namespace {
 
 constexpr std::size_t kMaxRequest = 131'072;
@@ -168,7 +168,7 @@ void serve(int connection, const std::string& reply, SSL_CTX* context) {
 }  // namespace
 
 // The authority signs with RSA and the server with an elliptic curve, as is usual.
-Identity MakeIdentity() {
+Identity make_identity() {
   const Key authority_key(EVP_RSA_gen(2048));
   const Key key(EVP_EC_gen("P-256"));
   require(authority_key != nullptr && key != nullptr, "key");
@@ -210,4 +210,4 @@ TemporaryFile::~TemporaryFile() {
   unlink(path_.c_str());
 }
 
-}  // namespace bench_kit
+}  // namespace bench

@@ -11,7 +11,7 @@
 
 #include <string>
 
-namespace bench_kit {
+namespace bench {
 
 /** A certificate authority and a server's identity signed by it, as PEM text; valid for 127.0.0.1, for a day. */
 struct Identity {
@@ -19,7 +19,7 @@ struct Identity {
   std::string certificate;
   std::string key;
 };
-Identity MakeIdentity();
+Identity make_identity();
 
 class LoopbackService {
  public:
@@ -53,4 +53,4 @@ class TemporaryFile {
   std::string path_;
 };
 
-}  // namespace bench_kit
+}  // namespace bench

@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <string_view>
 
-namespace bench_kit {
+namespace bench {
 namespace {
 
 constexpr std::string_view kWords =
@@ -12,7 +12,7 @@ constexpr std::string_view kWords =
 constexpr std::string_view kEscaped = R"(\u3042\u308a\u304c\u3068\u3046 \"so\"\n)";
 
 // `pattern` over and over, `length` bytes; the escape sequence that the end would cut is left out.
-std::string Fill(std::string_view pattern, std::size_t length) {
+std::string fill(std::string_view pattern, std::size_t length) {
   std::string text;
   while (text.size() < length)
     text += pattern;
@@ -26,14 +26,14 @@ std::string Fill(std::string_view pattern, std::size_t length) {
 
 }  // namespace
 
-std::string Reply(ReplyKind kind, std::size_t length) {
+std::string make_reply(ReplyKind kind, std::size_t length) {
   const bool failed = kind == ReplyKind::kFailed;
   const std::string head = failed ? R"({"result":"error","version":"1.0","error_code":"E400","error_message":")"
                                   : R"({"result":"success","version":"1.0","speaker":"user-0815","text":")";
   const std::string_view tail = R"("})";
   if (length < 100) throw std::invalid_argument("a reply of less than 100 bytes");
-  return head + Fill(kind == ReplyKind::kEscapes ? kEscaped : kWords, length - head.size() - tail.size()) +
+  return head + fill(kind == ReplyKind::kEscapes ? kEscaped : kWords, length - head.size() - tail.size()) +
          std::string(tail);
 }
 
-}  // namespace bench_kit
+}  // namespace bench

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <string>
 
-namespace bench_kit {
+namespace bench {
 
 enum class ReplyKind {
   kSuccess,  ///< result, version, speaker, and a text that fills the length
@@ -13,6 +13,6 @@ enum class ReplyKind {
 };
 
 /** A reply of exactly `length` bytes, at least 100, written compactly. */
-std::string Reply(ReplyKind kind, std::size_t length);
+std::string make_reply(ReplyKind kind, std::size_t length);
 
-}  // namespace bench_kit
+}  // namespace bench

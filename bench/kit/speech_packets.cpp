@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace bench_kit {
+namespace bench {
 namespace {
 
 constexpr const char* kRecordings[] = {
@@ -29,7 +29,7 @@ constexpr std::size_t kLongestPacket = 256;
 constexpr unsigned char kWide40MsMono = 10 << 3;  // SILK, wideband, 40 ms, one frame
 
 // 16-bit samples at 16 kHz, with or without a WAV header in front.
-std::vector<std::int16_t> ReadRecording(const std::string& name) {
+std::vector<std::int16_t> read_recording(const std::string& name) {
   std::ifstream stream(std::string(ZEL_BENCH_RECORDINGS "/") + name, std::ios::binary);
   const std::string bytes(std::istreambuf_iterator<char>(stream), {});
   const std::size_t header = bytes.starts_with("RIFF") ? kWavHeader : 0;
@@ -41,7 +41,7 @@ std::vector<std::int16_t> ReadRecording(const std::string& name) {
 
 }  // namespace
 
-std::vector<std::vector<unsigned char>> SpeechPackets() {
+std::vector<std::vector<unsigned char>> speech_packets() {
   int error = OPUS_OK;
   const std::unique_ptr<OpusEncoder, void (*)(OpusEncoder*)> encoder(
       opus_encoder_create(16000, 1, OPUS_APPLICATION_VOIP, &error), opus_encoder_destroy);
@@ -49,7 +49,7 @@ std::vector<std::vector<unsigned char>> SpeechPackets() {
     throw std::runtime_error("no Opus encoder");
   std::vector<std::vector<unsigned char>> packets;
   for (const char* name : kRecordings) {
-    const std::vector<std::int16_t> samples = ReadRecording(name);
+    const std::vector<std::int16_t> samples = read_recording(name);
     for (std::size_t at = 0; at + kFrame <= samples.size(); at += kFrame) {
       std::array<unsigned char, kLongestPacket> packet;
       const int size = opus_encode(encoder.get(), &samples[at], kFrame, packet.data(), kLongestPacket);
@@ -60,7 +60,7 @@ std::vector<std::vector<unsigned char>> SpeechPackets() {
   return packets;
 }
 
-std::vector<std::vector<unsigned char>> FullPackets(std::size_t count) {
+std::vector<std::vector<unsigned char>> full_packets(std::size_t count) {
   std::mt19937 random(1);
   std::vector<std::vector<unsigned char>> packets(count, std::vector<unsigned char>(kLongestPacket));
   for (std::vector<unsigned char>& packet : packets) {
@@ -71,4 +71,4 @@ std::vector<std::vector<unsigned char>> FullPackets(std::size_t count) {
   return packets;
 }
 
-}  // namespace bench_kit
+}  // namespace bench

@@ -6,14 +6,14 @@
 #include <cstddef>
 #include <vector>
 
-namespace bench_kit {
+namespace bench {
 
 /** The speech recordings of Debian's pocketsphinx-testdata, one after the other, encoded by libopus for voice at
  * 16 kbit/s with its variable rate: 80 bytes on average, 256 at most. The same packets in every run. */
-std::vector<std::vector<unsigned char>> SpeechPackets();
+std::vector<std::vector<unsigned char>> speech_packets();
 
 /** `count` packets of 256 bytes, the longest that the plug-in takes. Their bytes mean nothing to a decoder, but begin
  * as a packet of 40 ms does (RFC 6716, section 3.1). */
-std::vector<std::vector<unsigned char>> FullPackets(std::size_t count);
+std::vector<std::vector<unsigned char>> full_packets(std::size_t count);
 
-}  // namespace bench_kit
+}  // namespace bench

@@ -1,5 +1,6 @@
 // Rows "audio_frame" and "silent_frame": what the host pays for handing over a frame. The recognizer stands on the
 // reference host's services and is called as a host calls it, through its table.
+#include <deque>
 #include <memory>
 
 #include "bridge.h"
@@ -9,7 +10,7 @@
 #include "recognizer_record.h"
 #include "utterances.h"
 
-namespace bench_parts {
+namespace bench {
 namespace {
 
 constexpr int kFramesOfPause = 7;
@@ -21,7 +22,7 @@ class Recognizer {
     constexpr SttRecognizerConfig config = {kSttRecognizerConfigCheckValue, 16, 1024, 0};
     work_.resize(static_cast<std::size_t>(zelSttRecognizer_CalculateWorkSize(&config)));
     handle_ = zelSttRecognizer_Create(&config, work_.data(), static_cast<std::int32_t>(work_.size()));
-    Require(handle_ != nullptr, "recognizer");
+    require(handle_ != nullptr, "recognizer");
   }
   ~Recognizer() { zelSttRecognizer_Destroy(handle_); }
   Recognizer(const Recognizer&) = delete;
@@ -29,20 +30,20 @@ class Recognizer {
 
   SttRecognizerHn handle() const { return handle_; }
 
-  void Put(const SttAudioFrame& frame) { handle_->interface_table->PutAudioFrame(handle_->instance, &frame); }
+  void put(const SttAudioFrame& frame) { handle_->interface_table->PutAudioFrame(handle_->instance, &frame); }
 
   // The utterance, and the pause that ends it: its stream, which stays in its slot until it is given back.
-  ZelRingBufferChunk Take(const Utterance& utterance) {
+  ZelRingBufferChunk take(const Utterance& utterance) {
     const int slot = handle_->instance->fill_index;
     for (const Packet& packet : utterance)
-      Put({packet.data(), static_cast<std::uint32_t>(packet.size())});
+      put({packet.data(), static_cast<std::uint32_t>(packet.size())});
     for (int i = 0; i < kFramesOfPause; ++i)
-      Put(kSilence);
+      put(kSilence);
     return handle_->instance->utterance_slots[slot];
   }
 
   // What an update does when the stream has been posted and answered.
-  void GiveBack() {
+  void give_back() {
     SttRecognizer& recognizer = *handle_->instance;
     ZelRingBufferChunk& slot = recognizer.utterance_slots[recognizer.send_index];
     zelRingBuffer_Commit(recognizer.ring_buffer, ZEL_RING_LANE_FREE, &slot);
@@ -65,39 +66,45 @@ class Limit {
     constexpr ZelRingBufferConfig config = {0, 163840, 81920, 8, ""};
     work_.resize(static_cast<std::size_t>(zelRingBuffer_CalculateWorkSize(&config)));
     ring_ = zelRingBuffer_Create(&config, work_.data(), static_cast<std::uint32_t>(work_.size()));
-    Require(ring_ != nullptr, "ring buffer");
-    Begin();
+    require(ring_ != nullptr, "ring buffer");
+    begin();
   }
 
-  ZelRingBufferChunk Take(const Utterance& utterance) {
-    for (const Packet& packet : utterance) {
-      ZelRingBufferChunk chunk = Acquire();
-      const std::int32_t written =
-          ogg_.WritePacket(packet.data(), static_cast<std::uint32_t>(packet.size()), chunk.data);
-      if (written > 0) {
-        Commit(chunk, written);
-      } else {
-        zelRingBuffer_Release(ring_, ZEL_RING_LANE_FREE, &chunk);
-      }
+  ZelRingBufferChunk take(const Utterance& utterance) {
+    for (const Packet& packet : utterance)
+      put({packet.data(), static_cast<std::uint32_t>(packet.size())});
+    return end();
+  }
+
+  void put(const SttAudioFrame& frame) {
+    ZelRingBufferChunk chunk = acquire();
+    const std::int32_t written = ogg_.write_packet(frame.data, frame.size, chunk.data);
+    if (written > 0) {
+      commit(chunk, written);
+    } else {
+      zelRingBuffer_Release(ring_, ZEL_RING_LANE_FREE, &chunk);
     }
-    ZelRingBufferChunk chunk = Acquire();
-    Commit(chunk, ogg_.Flush(chunk.data));
+  }
+
+  ZelRingBufferChunk end() {
+    ZelRingBufferChunk chunk = acquire();
+    commit(chunk, ogg_.flush(chunk.data));
     zelRingBuffer_Acquire(ring_, ZEL_RING_LANE_DATA, total_, &stream_);
     const ZelRingBufferChunk stream = stream_;
-    Begin();
+    begin();
     return stream;
   }
 
-  void GiveBack() { zelRingBuffer_Commit(ring_, ZEL_RING_LANE_FREE, &stream_); }
+  void give_back() { zelRingBuffer_Commit(ring_, ZEL_RING_LANE_FREE, &stream_); }
 
  private:
-  ZelRingBufferChunk Acquire() {
+  ZelRingBufferChunk acquire() {
     ZelRingBufferChunk chunk;
     zelRingBuffer_Acquire(ring_, ZEL_RING_LANE_FREE, 5120, &chunk);
     return chunk;
   }
 
-  void Commit(ZelRingBufferChunk chunk, std::int32_t written) {
+  void commit(ZelRingBufferChunk chunk, std::int32_t written) {
     ZelRingBufferChunk rest;
     zelRingBuffer_SplitChunk(&chunk, static_cast<std::uint32_t>(written), &chunk, &rest);
     zelRingBuffer_Release(ring_, ZEL_RING_LANE_FREE, &rest);
@@ -105,10 +112,10 @@ class Limit {
     total_ += static_cast<std::uint32_t>(written);
   }
 
-  void Begin() {
+  void begin() {
     total_ = 0;
-    const ZelRingBufferChunk chunk = Acquire();
-    Commit(chunk, ogg_.WriteHeaders(chunk.data));
+    const ZelRingBufferChunk chunk = acquire();
+    commit(chunk, ogg_.write_headers(chunk.data));
   }
 
   std::vector<std::uint8_t> work_;
@@ -118,48 +125,100 @@ class Limit {
   ZelRingBufferChunk stream_{};
 };
 
+// What a frame cannot do without, besides: the host's call through the recognizer's table; the enabled flag, read by
+// the host's service; and, because an update may discard the stream of a disabled member at any time, a word that says
+// who has it: stored before the flag is read, with one full barrier between the two, and given back after the frame.
+class Handshake {
+ public:
+  Handshake() = default;
+  Handshake(const Handshake&) = delete;
+  Handshake& operator=(const Handshake&) = delete;
+
+  ZelRingBufferChunk take(const Utterance& utterance) {
+    for (const Packet& packet : utterance) {
+      const SttAudioFrame frame = {packet.data(), static_cast<std::uint32_t>(packet.size())};
+      const SttRecognizerPair* pair = &pair_;
+      asm volatile("" : "+r"(pair));
+      pair->interface_table->PutAudioFrame(pair->instance, &frame);
+    }
+    return limit_.end();
+  }
+  void give_back() { limit_.give_back(); }
+
+ private:
+  [[gnu::noipa]] static std::uint32_t put(SttRecognizer* instance, const SttAudioFrame* frame) {
+    auto* self = reinterpret_cast<Handshake*>(instance);
+    __atomic_store_n(&self->busy_, 1, __ATOMIC_SEQ_CST);
+    const bool enabled = zelAtomic_Load(&self->enabled_) != 0;
+    if (enabled) self->limit_.put(*frame);
+    __atomic_store_n(&self->busy_, 0, __ATOMIC_RELEASE);
+    return enabled ? 1 : 0;
+  }
+  static constexpr SttRecognizerInterface kInterface = {nullptr, nullptr, put, nullptr};
+
+  SttRecognizerPair pair_ = {&kInterface, reinterpret_cast<SttRecognizer*>(this)};
+  std::uint32_t busy_ = 0;
+  std::uint32_t enabled_ = 1;
+  Limit limit_;
+};
+
 // A run: every utterance of the input, its pause included, and its bytes given back. A unit: one frame with audio.
 template <typename Contestant>
-void AddAudio(Cases& cases, const std::string& contestant, const Speech& speech) {
+void add_audio(Cases& cases, const std::string& contestant, const Speech& speech) {
   auto taker = std::make_shared<Contestant>();
-  cases.push_back({"audio_frame/" + contestant + "/" + speech.name, speech.Packets(), [taker, &speech] {
+  cases.push_back({"audio_frame/" + contestant + "/" + speech.name, speech.packets(), [taker, &speech] {
                      for (const Utterance& utterance : speech.utterances) {
-                       taker->Take(utterance);
-                       taker->GiveBack();
+                       taker->take(utterance);
+                       taker->give_back();
                      }
                    }});
 }
 
-void Compare(const Speech& speech) {
+void compare(const Speech& speech) {
   const auto bytes = [](const ZelRingBufferChunk& chunk) { return Packet(chunk.data, chunk.data + chunk.size); };
   Recognizer recognizer;
   Limit limit;
+  Handshake handshake;
   for (int round = 0; round < 3; ++round) {
     for (const Utterance& utterance : speech.utterances) {
-      Require(bytes(recognizer.Take(utterance)) == bytes(limit.Take(utterance)), "audio frame: streams");
-      recognizer.GiveBack();
-      limit.GiveBack();
+      const Packet stream = bytes(recognizer.take(utterance));
+      require(stream == bytes(limit.take(utterance)), "audio frame: streams");
+      require(stream == bytes(handshake.take(utterance)), "audio frame: streams of the handshake");
+      recognizer.give_back();
+      limit.give_back();
+      handshake.give_back();
     }
   }
 }
 
-// The limit: one call through the table, which does nothing.
-[[gnu::noipa]] std::uint32_t TakeNothing(SttRecognizer*, const SttAudioFrame*) {
+// The limit of a frame without audio: one call through the table, which does nothing.
+[[gnu::noipa]] std::uint32_t take_nothing(SttRecognizer*, const SttAudioFrame*) {
   return 1;
 }
-constexpr SttRecognizerInterface kNothing = {nullptr, nullptr, TakeNothing, nullptr};
 
-// The least that the contract leaves: whether a member is enabled says a word that is read by the host's service.
+// That the member is enabled says a word that is read by the host's service: two calls are the least.
 std::uint32_t enabled_word = 1;
-[[gnu::noipa]] std::uint32_t ReadFlag(SttRecognizer*, const SttAudioFrame*) {
+[[gnu::noipa]] std::uint32_t read_flag(SttRecognizer*, const SttAudioFrame*) {
   return zelAtomic_Load(&enabled_word);
 }
-constexpr SttRecognizerInterface kFlagOnly = {nullptr, nullptr, ReadFlag, nullptr};
+
+// All that such a frame has to do: but for that second call, the flag being read where it lies; and with it.
+template <bool kByService>
+[[gnu::noipa]] std::uint32_t count_silence(SttRecognizer* recognizer, const SttAudioFrame* frame) {
+  if (recognizer == nullptr || frame == nullptr || frame->data != nullptr) return 0;
+  const std::uint32_t* flag = &recognizer->enabled;
+  if ((kByService ? zelAtomic_Load(flag) : __atomic_load_n(flag, __ATOMIC_SEQ_CST)) == 0) return 0;
+  const std::int32_t silent_frames = __atomic_load_n(&recognizer->silent_frames, __ATOMIC_RELAXED) + 1;
+  const bool ends = silent_frames == kFramesOfPause;
+  if (ends && __atomic_load_n(&recognizer->utterance_length, __ATOMIC_RELAXED) != 0) return 0;  // an utterance to end
+  __atomic_store_n(&recognizer->silent_frames, ends ? 0 : silent_frames, __ATOMIC_RELAXED);
+  return 1;
+}
 
 constexpr std::int64_t kSilentFrames = 700;
 
 // A unit: one frame. Every seventh ends an utterance that is none.
-void BeSilent(const SttRecognizerPair* pair) {
+void be_silent(const SttRecognizerPair* pair) {
   for (std::int64_t i = 0; i < kSilentFrames; ++i) {
     asm volatile("" : "+r"(pair));
     pair->interface_table->PutAudioFrame(pair->instance, &kSilence);
@@ -168,21 +227,29 @@ void BeSilent(const SttRecognizerPair* pair) {
 
 }  // namespace
 
-void AddAudioCases(Cases& cases) {
-  for (const Speech& speech : Speeches()) {
-    Compare(speech);
-    AddAudio<Recognizer>(cases, "plugin", speech);
-    AddAudio<Limit>(cases, "limit", speech);
+void add_audio_cases(Cases& cases) {
+  for (const Speech& speech : speeches()) {
+    compare(speech);
+    add_audio<Recognizer>(cases, "plugin", speech);
+    add_audio<Limit>(cases, "limit", speech);
+    add_audio<Handshake>(cases, "handshake", speech);
   }
   static Recognizer recognizer;
-  static const SttRecognizerPair nothing = {&kNothing, nullptr};
-  static const SttRecognizerPair flag_only = {&kFlagOnly, nullptr};
-  const struct {
-    const char* contestant;
-    const SttRecognizerPair* pair;
-  } silent[] = {{"plugin", recognizer.handle()}, {"limit", &nothing}, {"two_calls", &flag_only}};
-  for (const auto& [contestant, pair] : silent)
-    cases.push_back({std::string("silent_frame/") + contestant, kSilentFrames, [pair = pair] { BeSilent(pair); }});
+  static SttRecognizer counted{};
+  counted.enabled = 1;
+  using Put = std::uint32_t (*)(SttRecognizer*, const SttAudioFrame*);
+  const auto add = [&cases](const std::string& contestant, const SttRecognizerPair& pair) {
+    cases.push_back({"silent_frame/" + contestant, kSilentFrames, [pair] { be_silent(&pair); }});
+  };
+  const auto add_put = [&add](const std::string& contestant, Put put) {
+    static std::deque<SttRecognizerInterface> tables;
+    add(contestant, {&tables.emplace_back(SttRecognizerInterface{nullptr, nullptr, put, nullptr}), &counted});
+  };
+  add("plugin", *recognizer.handle());
+  add_put("limit", take_nothing);
+  add_put("two_calls", read_flag);
+  add_put("counter", count_silence<false>);
+  add_put("counter_two_calls", count_silence<true>);
 }
 
-}  // namespace bench_parts
+}  // namespace bench

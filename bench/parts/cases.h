@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace bench_parts {
+namespace bench {
 
 struct Case {
   std::string name;           // <row>/<contestant>, or <row>/<contestant>/<input>
@@ -20,15 +20,15 @@ struct Case {
 
 using Cases = std::vector<Case>;
 
-void AddContainerCases(Cases& cases);
-void AddAudioCases(Cases& cases);
-void AddReplyCases(Cases& cases);
-void AddPoolCases(Cases& cases);
+void add_container_cases(Cases& cases);
+void add_audio_cases(Cases& cases);
+void add_reply_cases(Cases& cases);
+void add_pool_cases(Cases& cases);
 
 // Only counted: time is measured where the sessions are as large as they get.
-void AddUpdateCases(Cases& cases);
+void add_update_cases(Cases& cases);
 
 // Throws unless `same`.
-void Require(bool same, const std::string& what);
+void require(bool same, const std::string& what);
 
-}  // namespace bench_parts
+}  // namespace bench

@@ -12,28 +12,29 @@
 
 #include "bridge_services.h"
 #include "cases.h"
+#include "program.h"
 #include "zel_rtc_speech_to_text.h"
 
-namespace bench_parts {
+namespace bench {
 
-void Require(bool same, const std::string& what) {
+void require(bool same, const std::string& what) {
   if (!same) throw std::runtime_error("not as it must be: " + what);
 }
 
 namespace {
 
-Cases AllCases(bool counting) {
+Cases all_cases(bool counting) {
   Cases cases;
-  AddContainerCases(cases);
-  AddAudioCases(cases);
-  AddReplyCases(cases);
-  AddPoolCases(cases);
-  if (counting) AddUpdateCases(cases);
+  add_container_cases(cases);
+  add_audio_cases(cases);
+  add_reply_cases(cases);
+  add_pool_cases(cases);
+  if (counting) add_update_cases(cases);
   return cases;
 }
 
 // The first run binds what is bound lazily and fills what is filled once.
-void Count(const Cases& cases) {
+void count(const Cases& cases) {
   for (const Case& measured : cases) {
     measured.run();
     CALLGRIND_ZERO_STATS;
@@ -45,7 +46,7 @@ void Count(const Cases& cases) {
   }
 }
 
-void Register(const Cases& cases) {
+void register_cases(const Cases& cases) {
   for (const Case& measured : cases) {
     benchmark::RegisterBenchmark(measured.name.c_str(), [measured](benchmark::State& state) {
       for ([[maybe_unused]] auto iteration : state)
@@ -56,7 +57,7 @@ void Register(const Cases& cases) {
 }
 
 // The reference host's services, but reports go nowhere: making a line of them is the host's affair.
-void InstallServices() {
+void install_services() {
   static BridgeTable table = *zel::host::bridge_interface().table;
   table.err_notify = [](std::uint32_t, const char*) {};
   table.err_notify2 = [](std::uint32_t, const char*, std::uint64_t, std::uint64_t) {};
@@ -64,28 +65,21 @@ void InstallServices() {
   zelRtcSpeechToText_SetBaseRtcBridgeInterface(&bridge_interface);
 }
 
-int Main(int argc, char** argv) {
-  InstallServices();
-  const bool counting = argc == 2 && std::strcmp(argv[1], "--count") == 0;
-  const Cases cases = AllCases(counting);
-  if (counting) {
-    Count(cases);
+int run(int argc, char** argv) {
+  install_services();
+  if (argc == 2 && std::strcmp(argv[1], "--count") == 0) {
+    count(all_cases(true));
     return 0;
   }
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  Register(cases);
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  return 0;
+  return run_program(argc, argv, [] { register_cases(all_cases(false)); });
 }
 
 }  // namespace
-}  // namespace bench_parts
+}  // namespace bench
 
 int main(int argc, char** argv) {
   try {
-    return bench_parts::Main(argc, argv);
+    return bench::run(argc, argv);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s: %s\n", argv[0], error.what());
     return 1;

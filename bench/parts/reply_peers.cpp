@@ -7,20 +7,20 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-namespace bench_parts {
+namespace bench {
 namespace {
 
 // `find` gives the string of a member.
-template <typename Find>
-void Fill(ReadReply& read, const Find& find) {
+template <typename Lookup>
+void fill(ReadReply& read, const Lookup& find) {
   read.succeeded = find("result") == "success";
-  Keep(read.version, find("version"));
+  keep(read.version, find("version"));
   if (read.succeeded) {
-    Keep(read.speaker, find("speaker"));
-    Keep(read.text, find("text"));
+    keep(read.speaker, find("speaker"));
+    keep(read.text, find("text"));
   } else {
-    Keep(read.error_code, find("error_code"));
-    Keep(read.error_message, find("error_message"));
+    keep(read.error_code, find("error_code"));
+    keep(read.error_message, find("error_message"));
   }
 }
 
@@ -42,10 +42,10 @@ struct Simdjson::State {
 Simdjson::Simdjson() : state_(std::make_unique<State>()) {}
 Simdjson::~Simdjson() = default;
 
-const ReadReply& Simdjson::Read(char* reply, std::size_t length) {
+const ReadReply& Simdjson::read(char* reply, std::size_t length) {
   const simdjson::dom::object document =
       state_->parser.parse(reinterpret_cast<const std::uint8_t*>(reply), length, false).get_object();
-  Fill(state_->read, [&](std::string_view key) -> std::string_view { return document[key].get_string(); });
+  fill(state_->read, [&](std::string_view key) -> std::string_view { return document[key].get_string(); });
   return state_->read;
 }
 
@@ -60,22 +60,22 @@ struct Rapidjson::State {
 Rapidjson::Rapidjson() : state_(std::make_unique<State>()) {}
 Rapidjson::~Rapidjson() = default;
 
-const ReadReply& Rapidjson::Read(char* reply, std::size_t) {
+const ReadReply& Rapidjson::read(char* reply, std::size_t) {
   State::Allocator values(state_->values, sizeof state_->values);
   State::Allocator parsing(state_->parsing, sizeof state_->parsing);
   State::Document document(&values, sizeof state_->parsing / 2, &parsing);
   document.ParseInsitu(reply);
-  Fill(state_->read, [&](const char* key) -> std::string_view {
+  fill(state_->read, [&](const char* key) -> std::string_view {
     const auto& value = document.FindMember(key)->value;
     return {value.GetString(), value.GetStringLength()};
   });
   return state_->read;
 }
 
-const ReadReply& Nlohmann::Read(char* reply, std::size_t length) {
+const ReadReply& Nlohmann::read(char* reply, std::size_t length) {
   const nlohmann::json document = nlohmann::json::parse(reply, reply + length);
-  Fill(read_, [&](const char* key) -> std::string_view { return document.find(key)->get_ref<const std::string&>(); });
+  fill(read_, [&](const char* key) -> std::string_view { return document.find(key)->get_ref<const std::string&>(); });
   return read_;
 }
 
-}  // namespace bench_parts
+}  // namespace bench

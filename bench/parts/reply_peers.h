@@ -5,7 +5,7 @@
 #include <memory>
 #include <string_view>
 
-namespace bench_parts {
+namespace bench {
 
 inline constexpr std::size_t kLongestReply = 1231;
 inline constexpr std::size_t kReplyBuffer = kLongestReply + 1 + 64;
@@ -24,7 +24,7 @@ struct ReadReply {
 };
 
 template <std::size_t kSize>
-void Keep(char (&field)[kSize], std::string_view value) {
+void keep(char (&field)[kSize], std::string_view value) {
   const std::size_t count = value.size() < kSize ? value.size() : kSize - 1;
   __builtin_memcpy(field, value.data(), count);
   field[count] = '\0';
@@ -35,7 +35,7 @@ class Simdjson {
  public:
   Simdjson();
   ~Simdjson();
-  const ReadReply& Read(char* reply, std::size_t length);
+  const ReadReply& read(char* reply, std::size_t length);
 
  private:
   struct State;
@@ -47,7 +47,7 @@ class Rapidjson {
  public:
   Rapidjson();
   ~Rapidjson();
-  const ReadReply& Read(char* reply, std::size_t length);
+  const ReadReply& read(char* reply, std::size_t length);
 
  private:
   struct State;
@@ -57,10 +57,10 @@ class Rapidjson {
 // nlohmann-json, which has no such choices.
 class Nlohmann {
  public:
-  const ReadReply& Read(char* reply, std::size_t length);
+  const ReadReply& read(char* reply, std::size_t length);
 
  private:
   ReadReply read_;
 };
 
-}  // namespace bench_parts
+}  // namespace bench

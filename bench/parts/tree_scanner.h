@@ -17,11 +17,11 @@
 
 #include "reply_peers.h"
 
-namespace bench_parts {
+namespace bench {
 
 // The end of a run of ordinary string characters: the next quote, backslash or NUL, one byte at a time ...
 struct Bytewise {
-  static char* End(char* at) {
+  static char* end(char* at) {
     while (*at != '"' && *at != '\\' && *at != '\0')
       ++at;
     return at;
@@ -30,7 +30,7 @@ struct Bytewise {
 
 // ... or sixteen.
 struct Sse2 {
-  static char* End(char* at) {
+  static char* end(char* at) {
     for (;; at += 16) {
       const __m128i block = _mm_loadu_si128(reinterpret_cast<const __m128i*>(at));
       const __m128i hit = _mm_or_si128(
@@ -46,18 +46,18 @@ template <typename Strings>
 class TreeScanner {
  public:
   // `text`: NUL-terminated, in a buffer of kReplyBuffer bytes.
-  bool Parse(char* text) {
+  bool parse(char* text) {
     arena_ = arena_bytes_.data();
     children_ = child_slots_.data();
     depth_ = 0;
     root_ = nullptr;
-    char* at = SkipSpace(text);
-    if (*at == '{') return Object(at, &root_) != nullptr;
-    return *at == '[' && Array(at, &root_) != nullptr;
+    char* at = skip_space(text);
+    if (*at == '{') return parse_object(at, &root_) != nullptr;
+    return *at == '[' && parse_array(at, &root_) != nullptr;
   }
 
   // A scalar of the top-level object, NUL-terminated in place, or the default.
-  const char* Find(std::string_view key) const {
+  const char* find(std::string_view key) const {
     constexpr const char* kDefault = "invalid_string";
     if (root_ == nullptr || root_->type != 0) return kDefault;
     const auto* members = reinterpret_cast<const Node* const*>(root_ + 1);
@@ -85,27 +85,27 @@ class TreeScanner {
   static constexpr std::uint32_t kMaxChildren = 512;
   static constexpr std::uint32_t kMaxDepth = 40;  // in arrays; an object counts twice
 
-  static char* SkipSpace(char* at) {
+  static char* skip_space(char* at) {
     while (*at == ' ' || *at == '\n' || *at == '\r' || *at == '\t')
       ++at;
     return at;
   }
 
-  static char* SkipEscape(char* at) {
+  static char* skip_escape(char* at) {
     for (int left = at[1] == 'u' ? 6 : 2; left > 0 && *at != '\0'; --left)
       ++at;
     return at;
   }
 
-  static bool IsBare(char byte) {
+  static bool is_bare(char byte) {
     return (byte >= '0' && byte <= '9') || byte == '-' || byte == 't' || byte == 'f' || byte == 'n';
   }
 
-  static char* BareEnd(char* at) {
+  static char* bare_end(char* at) {
     static constexpr std::string_view kBytes = "+-.0123456789Eaeflnrstu";
     for (;;) {
       if (*at == '\\') {
-        at = SkipEscape(at);
+        at = skip_escape(at);
       } else if (*at == '\0' || kBytes.find(*at) == std::string_view::npos) {
         return at;
       } else {
@@ -116,97 +116,95 @@ class TreeScanner {
 
   // Each parses from `at` and returns where it ends, or null.
 
-  char* String(char* at, const Node** node) {
+  char* parse_string(char* at, const Node** node) {
     char* start = at + 1;
-    char* end = Strings::End(start);
+    char* end = Strings::end(start);
     while (*end == '\\') {
       do
-        end = SkipEscape(end);
+        end = skip_escape(end);
       while (*end == '\\');
-      end = Strings::End(end);
+      end = Strings::end(end);
     }
-    AddScalar(start, end, node);
+    add_scalar(start, end, node);
     return *end == '"' ? end + 1 : end;
   }
 
-  char* Bare(char* at, const Node** node) {
-    char* end = BareEnd(at);
-    AddScalar(at, end, node);
+  char* parse_bare(char* at, const Node** node) {
+    char* end = bare_end(at);
+    add_scalar(at, end, node);
     return end;
   }
 
   // Whatever a key begins with, it is one; what cannot begin a scalar takes all that is left.
-  char* Key(char* at, const Node** node) {
-    if (*at == '"') return String(at, node);
-    if (IsBare(*at)) return Bare(at, node);
+  char* parse_key(char* at, const Node** node) {
+    if (*at == '"') return parse_string(at, node);
+    if (is_bare(*at)) return parse_bare(at, node);
     char* end = at + std::strlen(at);
-    AddScalar(at, end, node);
+    add_scalar(at, end, node);
     return end;
   }
 
-  void AddScalar(char* start, char* end, const Node** node) {
+  void add_scalar(char* start, char* end, const Node** node) {
     auto* scalar = reinterpret_cast<Scalar*>(arena_);
     *scalar = {{2, static_cast<std::uint32_t>(end - start)}, start};
     arena_ += sizeof(Scalar);
     *node = &scalar->head;
   }
 
-  char* Value(char* at, const Node** node) {
-    if (*at == '"') return String(at, node);
-    if (*at == '{') return Object(at, node);
-    if (*at == '[') return Array(at, node);
-    return IsBare(*at) ? Bare(at, node) : nullptr;
+  char* parse_value(char* at, const Node** node) {
+    if (*at == '"') return parse_string(at, node);
+    if (*at == '{') return parse_object(at, node);
+    if (*at == '[') return parse_array(at, node);
+    return is_bare(*at) ? parse_bare(at, node) : nullptr;
   }
 
-  char* Object(char* at, const Node** node) {
+  char* parse_object(char* at, const Node** node) {
     if ((depth_ += 2) > kMaxDepth) return nullptr;
     const Node** first = children_;
-    at = SkipSpace(at + 1);
+    at = skip_space(at + 1);
     while (*at != '}' || children_ != first) {
-      at = SkipSpace(Key(at, children_));
+      at = skip_space(parse_key(at, children_));
       if (*at != ':') return nullptr;
       children_ += 2;
-      at = Value(SkipSpace(at + 1), children_ - 1);
+      at = parse_value(skip_space(at + 1), children_ - 1);
       if (at == nullptr || children_ - first == 2 * kMaxChildren) return nullptr;
-      at = SkipSpace(at);
+      at = skip_space(at);
       if (*at == '}') break;
       if (*at != ',') return nullptr;
-      at = SkipSpace(at + 1);
+      at = skip_space(at + 1);
     }
-    AddContainer(0, first, 2, node);
+    add_container(0, first, 2, node);
     depth_ -= 2;
     return at + 1;
   }
 
-  char* Array(char* at, const Node** node) {
+  char* parse_array(char* at, const Node** node) {
     if (++depth_ > kMaxDepth) return nullptr;
     const Node** first = children_;
-    at = SkipSpace(at + 1);
+    at = skip_space(at + 1);
     while (*at != ']' || children_ != first) {
       ++children_;
-      at = Value(at, children_ - 1);
+      at = parse_value(at, children_ - 1);
       if (at == nullptr || children_ - first == kMaxChildren) return nullptr;
-      at = SkipSpace(at);
+      at = skip_space(at);
       if (*at == ']') break;
       if (*at != ',') return nullptr;
-      at = SkipSpace(at + 1);
+      at = skip_space(at + 1);
     }
-    AddContainer(1, first, 1, node);
+    add_container(1, first, 1, node);
     --depth_;
     return at + 1;
   }
 
   // Moves the children from `first` on behind a new node.
-  void AddContainer(std::uint32_t type, const Node** first, std::uint32_t slots, const Node** node) {
+  void add_container(std::uint32_t type, const Node** first, std::uint32_t slots, const Node** node) {
     const auto count = static_cast<std::size_t>(children_ - first);
     auto* container = reinterpret_cast<Node*>(arena_);
     *container = {type, static_cast<std::uint32_t>(count) / slots};
     // One by one: a wider load would have to wait until the pointers just stored have reached the cache.
     auto** copy = reinterpret_cast<const Node**>(container + 1);
-    for (std::size_t i = 0; i < count; ++i) {
-      copy[i] = first[i];
-      asm volatile("");
-    }
+    for (std::size_t i = 0; i < count; ++i)
+      copy[i] = static_cast<const Node* const volatile*>(first)[i];
     arena_ += sizeof(Node) + count * sizeof(*first);
     children_ = first;
     *node = container;
@@ -220,4 +218,4 @@ class TreeScanner {
   alignas(8) std::array<char, 48 * kLongestReply> arena_bytes_;
 };
 
-}  // namespace bench_parts
+}  // namespace bench

@@ -2,11 +2,11 @@
 
 #include "speech_packets.h"
 
-namespace bench_parts {
+namespace bench {
 namespace {
 
 // Whole utterances only.
-std::vector<Utterance> Cut(const std::vector<Packet>& packets) {
+std::vector<Utterance> cut(const std::vector<Packet>& packets) {
   std::vector<Utterance> utterances;
   for (auto at = packets.begin(); packets.end() - at >= std::ptrdiff_t{kUtterancePackets}; at += kUtterancePackets)
     utterances.emplace_back(at, at + kUtterancePackets);
@@ -15,12 +15,12 @@ std::vector<Utterance> Cut(const std::vector<Packet>& packets) {
 
 }  // namespace
 
-const std::vector<Speech>& Speeches() {
+const std::vector<Speech>& speeches() {
   static const std::vector<Speech> speeches = {
-      {"speech", Cut(bench_kit::SpeechPackets())},
-      {"full256", Cut(bench_kit::FullPackets(4 * kUtterancePackets))},
+      {"speech", cut(speech_packets())},
+      {"full256", cut(full_packets(4 * kUtterancePackets))},
   };
   return speeches;
 }
 
-}  // namespace bench_parts
+}  // namespace bench

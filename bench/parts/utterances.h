@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace bench_parts {
+namespace bench {
 
 using Packet = std::vector<unsigned char>;
 using Utterance = std::vector<Packet>;
@@ -14,10 +14,10 @@ inline constexpr std::size_t kUtterancePackets = 125;
 struct Speech {
   std::string name;
   std::vector<Utterance> utterances;
-  std::int64_t Packets() const { return static_cast<std::int64_t>(utterances.size() * kUtterancePackets); }
+  std::int64_t packets() const { return static_cast<std::int64_t>(utterances.size() * kUtterancePackets); }
 };
 
 // "speech": real packets; "full256": the longest packets there are.
-const std::vector<Speech>& Speeches();
+const std::vector<Speech>& speeches();
 
-}  // namespace bench_parts
+}  // namespace bench

@@ -7,54 +7,55 @@
 // takes.
 // Input `no_cache`: with the C library told not to keep, for each thread, what libcurl has given back. Kernel memory
 // does not count.
-#include "memory.h"
-
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdint>
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
+#include <functional>
+#include <map>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "curl_threads.h"
 #include "loopback_service.h"
 #include "room_session.h"
+#include "rooms.h"
 #include "script.h"
 
+namespace bench {
 namespace {
 
 constexpr std::uint32_t kMembers = 250;
 constexpr std::size_t kEarlyUtterances = 2500;  // ten of each member: until then the allocator's caches fill
-constexpr std::size_t kUtterances = 10'000;
+constexpr std::size_t kLateUtterances = 10'000;
 constexpr std::size_t kSpokenFrames = 25;
 constexpr std::size_t kGroup = 25;       // members who speak at a time: what a service has to keep waiting
 constexpr std::size_t kBodySize = 2500;  // about an utterance's stream
 constexpr int kMaxPolls = 60'000;        // of a millisecond, for one group
 constexpr char kReply[] = R"({"result":"success","version":"1","speaker":"x","text":"as it was said"})";
 
-double Resident() {
+double resident() {
   std::int64_t pages = 0;
   std::ifstream("/proc/self/statm") >> pages >> pages;
   return static_cast<double>(pages * sysconf(_SC_PAGESIZE));
 }
 
-void Speak(SttRecognizerHn recognizer, std::size_t place) {
-  for (std::size_t i = 0; i < kSpokenFrames + rooms::kPause; ++i) {
+void speak(SttRecognizerHn recognizer, std::size_t place) {
+  for (std::size_t i = 0; i < kSpokenFrames + kPause; ++i) {
     const SttAudioFrame silence{nullptr, 0};
-    const std::vector<SttAudioFrame>& script = rooms::Script();
-    const SttAudioFrame& frame = i < kSpokenFrames ? script[(place + i) % 100] : silence;
+    const SttAudioFrame& frame = i < kSpokenFrames ? script()[(place + i) % 100] : silence;
     recognizer->interface_table->PutAudioFrame(recognizer->instance, &frame);
   }
 }
 
 // Releases a packet as hosts do.
-void Release(PacketRef* ref) {
+void release(PacketRef* ref) {
   if (--ref->ref_count > 0) return;
   ref->release_callback(ref->release_context, ref);
   PtrQueue& queue = *ref->owner_queue;
@@ -62,18 +63,18 @@ void Release(PacketRef* ref) {
 }
 
 // One utterance of each member of a group, up to its text.
-void Converse(rooms::RoomSession& session, std::size_t first, std::size_t count) {
+void converse(RoomSession& session, std::size_t first, std::size_t count) {
   for (std::size_t i = first; i < first + count; ++i)
-    Speak(session.active()[i], i);
+    speak(session.lent()[i], i);
   std::size_t texts = 0;
   for (int poll = 0; texts < count; ++poll) {
     if (poll == kMaxPolls) throw std::runtime_error("memory: the service does not answer");
-    session.Update();
+    session.update();
     for (std::size_t i = first; i < first + count; ++i) {
-      SttRecognizerHn recognizer = session.active()[i];
+      SttRecognizerHn recognizer = session.lent()[i];
       PacketRef* packet = recognizer->interface_table->PopTextPacket(recognizer->instance);
       if (packet == nullptr) continue;
-      Release(packet);
+      release(packet);
       ++texts;
     }
     usleep(1000);
@@ -88,15 +89,15 @@ struct Numbers {
 
 // `create` makes kMembers of a contestant; `converse` has one utterance of each of `count` of them.
 template <typename Create, typename Converse>
-Numbers Measure(const Create& create, const Converse& converse) {
+Numbers measure(const Create& create, const Converse& converse) {
   // What the process takes once, the libraries of the exchange for example, is there before anything is measured.
   {
     const auto few = create(kGroup);
     converse(*few, 0, kGroup);
   }
-  const double before = Resident();
+  const double before = resident();
   const auto many = create(kMembers);
-  const auto share = [&] { return (Resident() - before) / kMembers; };
+  const auto share = [&] { return (resident() - before) / kMembers; };
   std::size_t done = 0;
   const auto converse_until = [&](std::size_t utterances) {
     for (; done < utterances; done += kGroup)
@@ -105,35 +106,33 @@ Numbers Measure(const Create& create, const Converse& converse) {
   };
   const double created = share();
   const double early = converse_until(kEarlyUtterances);
-  return {created, early, converse_until(kUtterances)};
+  return {created, early, converse_until(kLateUtterances)};
 }
 
-Numbers MeasurePlugin() {
-  const bench_kit::LoopbackService service(kReply);
+Numbers measure_plugin() {
+  const LoopbackService service(kReply);
   const auto create = [&](std::uint32_t members) {
-    auto session = std::make_unique<rooms::RoomSession>(members);
-    session->SetActive(members);
-    session->SetEndpoint(service.origin().c_str());
+    auto session = std::make_unique<RoomSession>(members);
+    session->lend(members);
+    session->set_endpoint(service.origin());
     return session;
   };
-  return Measure(create, Converse);
+  return measure(create, converse);
 }
 
-Numbers MeasureCurlThreads() {
-  const bench_kit::LoopbackService service(kReply);
+Numbers measure_curl_threads() {
+  const LoopbackService service(kReply);
   const auto create = [&](std::uint32_t members) {
-    return std::make_unique<rooms::CurlThreads>(members, service.origin() + "/", kBodySize);
+    return std::make_unique<CurlThreads>(members, service.origin(), kBodySize);
   };
-  return Measure(create, [](rooms::CurlThreads& threads, std::size_t first, std::size_t count) {
-    threads.Converse(first, count);
-  });
+  return measure(create,
+                 [](CurlThreads& threads, std::size_t first, std::size_t count) { threads.converse(first, count); });
 }
 
-// From a process of its own: in this one, earlier benchmarks have left stacks and heaps behind.
-Numbers MeasureApart(const std::string& contestant, bool thread_cache) {
+// From a process of its own, where nothing has left stacks and heaps behind. The shell's parent is this process.
+Numbers measure_apart(const std::string& contestant, bool thread_cache) {
   const std::string command = (thread_cache ? "" : "GLIBC_TUNABLES=glibc.malloc.tcache_count=0 ") +
-                              std::filesystem::read_symlink("/proc/self/exe").string() + " --measure-memory " +
-                              contestant;
+                              std::string("/proc/$PPID/exe --measure-memory ") + contestant;
   std::FILE* output = popen(command.c_str(), "r");
   std::array<char, 128> line{};
   const bool answered = output != nullptr && std::fgets(line.data(), static_cast<int>(line.size()), output) != nullptr;
@@ -146,47 +145,44 @@ Numbers MeasureApart(const std::string& contestant, bool thread_cache) {
   return numbers;
 }
 
-template <bool kThreadCache>
-void Plugin(benchmark::State& state) {
-  static const Numbers numbers = MeasureApart("plugin", kThreadCache);
-  for ([[maybe_unused]] auto step : state) {
-  }
-  state.counters["bytes"] = numbers.late;
-  state.counters["bytes_created"] = numbers.created;
-  state.counters["growth"] = numbers.late - numbers.early;
+double work_share() {
+  return static_cast<double>(session_size(2) - session_size(1));
 }
 
-double WorkShare() {
-  return static_cast<double>(rooms::SessionSize(2) - rooms::SessionSize(1));
-}
+using Counters = std::map<std::string, double>;
 
-void Limit(benchmark::State& state) {
-  for ([[maybe_unused]] auto step : state) {
-  }
-  state.counters["bytes"] = WorkShare();
+void add(const std::string& name, const std::function<Counters()>& count) {
+  benchmark::RegisterBenchmark(("memory/" + name).c_str(), [=, counters = Counters()](auto& state) mutable {
+    if (counters.empty()) counters = count();
+    for ([[maybe_unused]] auto step : state) {
+    }
+    for (const auto& [counter, value] : counters)
+      state.counters[counter] = value;
+  })->Iterations(1);
 }
-
-template <bool kThreadCache>
-void CurlThreads(benchmark::State& state) {
-  static const Numbers numbers = MeasureApart("curl_threads", kThreadCache);
-  for ([[maybe_unused]] auto step : state) {
-  }
-  state.counters["bytes"] = WorkShare() + numbers.late;
-  state.counters["thread"] = numbers.late;
-  state.counters["growth"] = numbers.late - numbers.early;
-}
-
-BENCHMARK(Plugin<true>)->Name("memory/plugin")->Iterations(1);
-BENCHMARK(Limit)->Name("memory/limit")->Iterations(1);
-BENCHMARK(CurlThreads<true>)->Name("memory/curl_threads")->Iterations(1);
-BENCHMARK(Plugin<false>)->Name("memory/plugin/no_cache")->Iterations(1);
-BENCHMARK(Limit)->Name("memory/limit/no_cache")->Iterations(1);
-BENCHMARK(CurlThreads<false>)->Name("memory/curl_threads/no_cache")->Iterations(1);
 
 }  // namespace
 
-int rooms::PrintMemory(const std::string& contestant) {
-  const Numbers numbers = contestant == "plugin" ? MeasurePlugin() : MeasureCurlThreads();
-  std::printf("%.0f %.0f %.0f\n", numbers.created, numbers.early, numbers.late);
-  return 0;
+void register_memory() {
+  for (const bool cache : {true, false}) {
+    const std::string input = cache ? "" : "/no_cache";
+    add("plugin" + input, [=]() -> Counters {
+      const Numbers numbers = measure_apart("plugin", cache);
+      return {{"bytes", numbers.late}, {"bytes_created", numbers.created}, {"growth", numbers.late - numbers.early}};
+    });
+    add("limit" + input, []() -> Counters { return {{"bytes", work_share()}}; });
+    add("curl_threads" + input, [=]() -> Counters {
+      const Numbers numbers = measure_apart("curl_threads", cache);
+      return {
+          {"bytes", work_share() + numbers.late}, {"thread", numbers.late}, {"growth", numbers.late - numbers.early}};
+    });
+  }
 }
+
+void print_memory(const std::string& contestant) {
+  if (contestant != "plugin" && contestant != "curl_threads") throw std::runtime_error("memory: no such contestant");
+  const Numbers numbers = contestant == "plugin" ? measure_plugin() : measure_curl_threads();
+  std::printf("%.0f %.0f %.0f\n", numbers.created, numbers.early, numbers.late);
+}
+
+}  // namespace bench

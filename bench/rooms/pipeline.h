@@ -4,30 +4,30 @@
 
 #include <cstdint>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "script.h"
 
-namespace rooms {
+namespace bench {
 
-/** One member as a contestant sees it; frames as in Script(). The first frame of a round drops the streams kept. */
+using Stream = std::vector<std::uint8_t>;
+
+/** Bytes of the longest stream, and more. */
+inline constexpr std::size_t kStreamRoom = 65'536;
+
+/** One member as a contestant sees it; frames as in script(). */
 class PipelineMember {
  public:
   virtual ~PipelineMember() = default;
-  virtual void BeginRound() = 0;
-  virtual void PutFrame(const SttAudioFrame& frame) = 0;
+  /** Drops the streams kept. Each round begins with it. */
+  virtual void begin_round() = 0;
+  virtual void put_frame(const SttAudioFrame& frame) = 0;
   /** The streams of the round so far, oldest first. */
-  virtual std::vector<std::string> Streams() = 0;
+  virtual std::vector<Stream> streams() = 0;
 };
 
-std::unique_ptr<PipelineMember> MakeLiboggMember();
-std::unique_ptr<PipelineMember> MakeLibavformatMember();
-std::unique_ptr<PipelineMember> MakeGstreamerMember();
+std::unique_ptr<PipelineMember> make_libogg_member();
+std::unique_ptr<PipelineMember> make_libavformat_member();
+std::unique_ptr<PipelineMember> make_gstreamer_member();
 
-/** The OpusHead packet that all contestants announce (RFC 7845, section 5.1): 16 kHz, mono. */
-std::vector<std::uint8_t> IdentificationPacket();
-/** An OpusTags packet without vendor and comments. */
-std::vector<std::uint8_t> CommentPacket();
-
-}  // namespace rooms
+}  // namespace bench

@@ -2,17 +2,18 @@
 
 #include <array>
 #include <cstdint>
+#include <vector>
 
 #include "speech_packets.h"
 
-namespace rooms {
+namespace bench {
 namespace {
 
 // Frames of the utterances: 1.5 to 6 seconds.
 constexpr std::array<std::size_t, kUtterances> kLengths = {125, 50, 100, 75, 150, 38, 88, 62};
 
-std::vector<SttAudioFrame> Build() {
-  static const std::vector<std::vector<unsigned char>> packets = bench_kit::SpeechPackets();
+std::vector<SttAudioFrame> build() {
+  static const std::vector<std::vector<unsigned char>> packets = speech_packets();
   std::vector<SttAudioFrame> frames;
   std::size_t next = 0;
   for (const std::size_t length : kLengths) {
@@ -27,9 +28,9 @@ std::vector<SttAudioFrame> Build() {
 
 }  // namespace
 
-const std::vector<SttAudioFrame>& Script() {
-  static const std::vector<SttAudioFrame> frames = Build();
+std::span<const SttAudioFrame> script() {
+  static const std::vector<SttAudioFrame> frames = build();
   return frames;
 }
 
-}  // namespace rooms
+}  // namespace bench

@@ -11,9 +11,12 @@
 #include <cstdint>
 #include <vector>
 
+#include "program.h"
 #include "recognizer_record.h"
 #include "room_session.h"
+#include "rooms.h"
 
+namespace bench {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -22,66 +25,71 @@ constexpr std::uint32_t kMembers = 1000;
 constexpr std::size_t kLine = 64;
 constexpr std::size_t kEvictingBytes = std::size_t{16} << 20;  // several times what a core has to itself
 
-struct IdleRoom {
-  IdleRoom() : session(kMembers) {
-    session.SetActive(kMembers);
-    for (SttRecognizerHn recognizer : session.active())
-      words.push_back(&recognizer->instance->enabled);
+class IdleRoom {
+ public:
+  IdleRoom() {
+    session_.lend(kMembers);
+    for (SttRecognizerHn recognizer : session_.lent())
+      words_.push_back(&recognizer->instance->enabled);
   }
-  rooms::RoomSession session;
-  std::vector<const std::uint32_t*> words;
+
+  void update() { session_.update(); }
+  void touch() {
+    std::uint32_t sum = 0;
+    for (const std::uint32_t* word : words_)
+      sum += __atomic_load_n(word, __ATOMIC_SEQ_CST);
+    benchmark::DoNotOptimize(sum);
+  }
+  // Sends every line of the session to memory, whatever the size of the last cache, and the page tables out of the core's
+  // own caches.
+  void evict() {
+    for (std::size_t i = 0; i < session_.area().size(); i += kLine)
+      _mm_clflush(session_.area().data() + i);
+    for (std::size_t i = 0; i < other_.size(); i += kLine)
+      other_[i] += 1;
+    _mm_mfence();
+  }
+
+ private:
+  RoomSession session_{kMembers};
+  std::vector<const std::uint32_t*> words_;
+  std::vector<std::uint8_t> other_ = std::vector<std::uint8_t>(kEvictingBytes);
 };
 
-IdleRoom& Room() {
-  static IdleRoom room;
-  return room;
-}
-
-void UpdatePlugin() {
-  Room().session.Update();
-}
-
-void UpdateLimit() {
-  std::uint32_t sum = 0;
-  for (const std::uint32_t* word : Room().words)
-    sum += __atomic_load_n(word, __ATOMIC_SEQ_CST);
-  benchmark::DoNotOptimize(sum);
-}
-
-// Sends every line of the session to memory, whatever the size of the last cache, and the page tables out of the core's
-// own caches.
-void EvictCaches() {
-  static std::vector<std::uint8_t> other(kEvictingBytes);
-  const rooms::Area& area = Room().session.area();
-  for (std::size_t i = 0; i < area.size(); i += kLine)
-    _mm_clflush(area.data() + i);
-  for (std::size_t i = 0; i < other.size(); i += kLine)
-    other[i] += 1;
-  _mm_mfence();
-}
-
-template <void (*kUpdate)()>
-void Cold(benchmark::State& state) {
-  Room();
+// A template, so that what is measured is inlined.
+template <void (IdleRoom::*kRun)()>
+void measure_cold(benchmark::State& state, IdleRoom& room) {
   for ([[maybe_unused]] auto step : state) {
-    EvictCaches();
+    room.evict();
     const auto start = Clock::now();
-    kUpdate();
+    (room.*kRun)();
     state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
   }
 }
 
-template <void (*kUpdate)()>
-void Warm(benchmark::State& state) {
-  Room();
-  kUpdate();
+template <void (IdleRoom::*kRun)()>
+void measure_warm(benchmark::State& state, IdleRoom& room) {
+  (room.*kRun)();
   for ([[maybe_unused]] auto step : state)
-    kUpdate();
+    (room.*kRun)();
 }
 
-BENCHMARK(Cold<UpdatePlugin>)->Name("update_cold/plugin")->UseManualTime()->Iterations(3);
-BENCHMARK(Cold<UpdateLimit>)->Name("update_cold/limit")->UseManualTime()->Iterations(3);
-BENCHMARK(Warm<UpdatePlugin>)->Name("update_warm/plugin");
-BENCHMARK(Warm<UpdateLimit>)->Name("update_warm/limit");
+template <void (IdleRoom::*kRun)()>
+void add(const Shared<IdleRoom>& room, const std::string& contestant) {
+  benchmark::RegisterBenchmark(("update_cold/" + contestant).c_str(),
+                               [room](auto& state) { measure_cold<kRun>(state, room()); })
+      ->UseManualTime()
+      ->Iterations(1);
+  benchmark::RegisterBenchmark(("update_warm/" + contestant).c_str(),
+                               [room](auto& state) { measure_warm<kRun>(state, room()); });
+}
 
 }  // namespace
+
+void register_updates() {
+  const Shared<IdleRoom> room;
+  add<&IdleRoom::update>(room, "plugin");
+  add<&IdleRoom::touch>(room, "limit");
+}
+
+}  // namespace bench

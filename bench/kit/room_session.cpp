@@ -2,16 +2,18 @@
 
 #include <sys/mman.h>
 
-#include <cstring>
-#include <memory>
 #include <new>
 #include <stdexcept>
-#include <string>
 
-#include "bridge_services.h"
-#include "reports.h"
+namespace bench {
+namespace {
 
-namespace rooms {
+std::size_t checked(std::int32_t work_size) {
+  if (work_size < 0) throw std::runtime_error("no work size");
+  return static_cast<std::size_t>(work_size);
+}
+
+}  // namespace
 
 Area::Area(std::size_t size)
     : data_(static_cast<std::byte*>(
@@ -24,39 +26,35 @@ Area::~Area() {
   munmap(data_, size_);
 }
 
-void Area::Discard() {
+void Area::discard() {
   madvise(data_, size_, MADV_DONTNEED);
 }
 
-void InitializeLibrary() {
-  if (zelRtcSpeechToText_IsInitialized() != 0) return;
-  zel::host::set_report_sink([](const zel::host::Report&) {});
-  zelRtcSpeechToText_SetBaseRtcBridgeInterface(&zel::host::bridge_interface());
-  const std::int32_t size = zelRtcSpeechToText_CalculateWorkSize(nullptr);
-  static const auto work = std::make_unique<std::byte[]>(static_cast<std::size_t>(size));
-  if (zelRtcSpeechToText_Initialize(nullptr, work.get(), size) == 0) throw std::runtime_error("library");
+Library::Library() : area_(checked(zelRtcSpeechToText_CalculateWorkSize(nullptr))) {
+  if (zelRtcSpeechToText_Initialize(nullptr, area_.data(), static_cast<std::int32_t>(area_.size())) == 0)
+    throw std::runtime_error("library: not initialized");
 }
 
-ZelRtcSpeechToTextSessionConfig SessionConfig(std::uint32_t members) {
+Library::~Library() {
+  zelRtcSpeechToText_Finalize();
+}
+
+ZelRtcSpeechToTextSessionConfig session_config(std::uint32_t members) {
   ZelRtcSpeechToTextSessionConfig config;
   zelRtcSpeechToTextSession_SetDefaultConfig(&config);
   config.max_identifiable_members = members;
   return config;
 }
 
-std::size_t SessionSize(std::uint32_t members) {
-  InitializeLibrary();
-  const ZelRtcSpeechToTextSessionConfig config = SessionConfig(members);
-  const std::int32_t size = zelRtcSpeechToTextSession_CalculateWorkSize(&config);
-  if (size < 0) throw std::runtime_error("session of " + std::to_string(members) + " members: no work size");
-  return static_cast<std::size_t>(size);
+std::size_t session_size(std::uint32_t members) {
+  const ZelRtcSpeechToTextSessionConfig config = session_config(members);
+  return checked(zelRtcSpeechToTextSession_CalculateWorkSize(&config));
 }
 
-RoomSession::RoomSession(std::uint32_t members) : area_(SessionSize(members)) {
-  const ZelRtcSpeechToTextSessionConfig config = SessionConfig(members);
+RoomSession::RoomSession(std::uint32_t members) : area_(session_size(members)) {
+  const ZelRtcSpeechToTextSessionConfig config = session_config(members);
   session_ = zelRtcSpeechToTextSession_Create(&config, area_.data(), static_cast<std::int32_t>(area_.size()));
   if (session_ == nullptr) throw std::runtime_error("session of " + std::to_string(members) + " members: not created");
-  session_->interface_table->Attach(session_->body);
 }
 
 RoomSession::~RoomSession() {
@@ -65,10 +63,11 @@ RoomSession::~RoomSession() {
   zelRtcSpeechToTextSession_Destroy(session_);
 }
 
-void RoomSession::SetActive(std::uint32_t count) {
+void RoomSession::lend(std::uint32_t count) {
   const SttSessionInterface& table = *session_->interface_table;
+  if (table.IsAttached(session_->body) == 0) table.Attach(session_->body);
   table.ReleaseAllRecognizers(session_->body);
-  active_.clear();
+  lent_.clear();
   for (std::uint32_t i = 0; i < count; ++i) {
     SttRecognizerHn recognizer = table.AcquireRecognizer(session_->body);
     if (recognizer == nullptr) throw std::runtime_error("no recognizer free");
@@ -77,14 +76,13 @@ void RoomSession::SetActive(std::uint32_t count) {
     recognizer->interface_table->SetClientId(recognizer->instance,
                                              reinterpret_cast<const std::uint8_t*>(client_id.c_str()),
                                              static_cast<std::uint32_t>(client_id.size() + 1));
-    active_.push_back(recognizer);
+    lent_.push_back(recognizer);
   }
 }
 
-void RoomSession::SetEndpoint(const char* url) {
-  const auto length = static_cast<std::int32_t>(std::strlen(url));
-  session_->interface_table->SetEndpointUrl(session_->body, url, length);
+void RoomSession::set_endpoint(const std::string& url) {
+  session_->interface_table->SetEndpointUrl(session_->body, url.c_str(), static_cast<std::int32_t>(url.size()));
   session_->interface_table->SetAccessToken(session_->body, "token", 5);
 }
 
-}  // namespace rooms
+}  // namespace bench

@@ -9,7 +9,9 @@
 #include <cstdint>
 #include <cstring>
 
-namespace bench_parts {
+#include "opus_headers.h"
+
+namespace bench {
 
 class OggLimit {
  public:
@@ -20,23 +22,22 @@ class OggLimit {
 
   // All three return the bytes written to `output`.
 
-  std::int32_t WriteHeaders(std::uint8_t* output) {
-    static unsigned char identification[] = {'O', 'p', 'u',  's',  'H', 'e', 'a', 'd', 1, 1,
-                                             0,   0,   0x80, 0x3E, 0,   0,   0,   0,   0};
-    static unsigned char comment[16] = {'O', 'p', 'u', 's', 'T', 'a', 'g', 's'};
+  /** Begins a stream; the one under way is dropped. */
+  std::int32_t write_headers(std::uint8_t* output) {
     ogg_stream_reset(&stream_);
     packets_ = granule_ = 0;
     held_ = false;
-    const std::int32_t first = WriteHeader(identification, sizeof identification, output);
-    return first + WriteHeader(comment, sizeof comment, output + first);
+    const std::int32_t first = write_header(kOpusHead, output);
+    return first + write_header(kOpusTags, output + first);
   }
 
-  std::int32_t WritePacket(const std::uint8_t* data, std::uint32_t size, std::uint8_t* output) {
+  /** A packet of 40 ms and at most 256 bytes. */
+  std::int32_t write_packet(const std::uint8_t* data, std::uint32_t size, std::uint8_t* output) {
     std::int32_t written = 0;
     if (held_) {
-      Submit(false);
+      submit(false);
       ogg_page page;
-      if (ogg_stream_pageout(&stream_, &page) != 0) written = Copy(page, output);
+      if (ogg_stream_pageout(&stream_, &page) != 0) written = copy(page, output);
     }
     held_ = true;
     held_size_ = static_cast<std::int32_t>(size);
@@ -44,32 +45,34 @@ class OggLimit {
     return written;
   }
 
-  std::int32_t Flush(std::uint8_t* output) {
-    Submit(true);
+  /** Ends the stream, which has at least one packet. */
+  std::int32_t flush(std::uint8_t* output) {
+    submit(true);
     std::int32_t written = 0;
     ogg_page page;
     while (ogg_stream_flush(&stream_, &page) != 0)
-      written += Copy(page, output + written);
+      written += copy(page, output + written);
     return written;
   }
 
  private:
-  static std::int32_t Copy(const ogg_page& page, std::uint8_t* output) {
+  static std::int32_t copy(const ogg_page& page, std::uint8_t* output) {
     std::memcpy(output, page.header, static_cast<std::size_t>(page.header_len));
     std::memcpy(output + page.header_len, page.body, static_cast<std::size_t>(page.body_len));
     return static_cast<std::int32_t>(page.header_len + page.body_len);
   }
 
-  std::int32_t WriteHeader(unsigned char* data, long size, std::uint8_t* output) {
-    ogg_packet packet = {data, size, packets_ == 0 ? 1 : 0, 0, 0, packets_};
+  template <std::size_t kSize>
+  std::int32_t write_header(const std::array<std::uint8_t, kSize>& data, std::uint8_t* output) {
+    ogg_packet packet = {const_cast<unsigned char*>(data.data()), kSize, packets_ == 0 ? 1 : 0, 0, 0, packets_};
     ++packets_;
     ogg_stream_packetin(&stream_, &packet);
     ogg_page page;
-    return ogg_stream_flush(&stream_, &page) != 0 ? Copy(page, output) : 0;
+    return ogg_stream_flush(&stream_, &page) != 0 ? copy(page, output) : 0;
   }
 
-  void Submit(bool last) {
-    granule_ += 1920;
+  void submit(bool last) {
+    granule_ += kFrameGranules;
     ogg_packet packet = {packet_, held_size_, 0, last ? 1 : 0, granule_, packets_++};
     ogg_stream_packetin(&stream_, &packet);
   }
@@ -82,4 +85,4 @@ class OggLimit {
   unsigned char packet_[256];
 };
 
-}  // namespace bench_parts
+}  // namespace bench
