@@ -116,11 +116,12 @@ bool HasScheme(const char* entry, size_t size) {
 
 bool zelHttpProxy_ReadEnvironment(wchar_t** list, wchar_t** bypass) {
   *list = *bypass = nullptr;
-  const char* exceptions = Variable("no_proxy", "NO_PROXY");
-  if (exceptions != nullptr && strcmp(exceptions, "*") == 0) return true;
   const char* any = Variable("all_proxy", "ALL_PROXY");
   const char* http = Variable("http_proxy");
   const char* https = Variable("https_proxy", "HTTPS_PROXY");
+  if (any == nullptr && http == nullptr && https == nullptr) return true;
+  const char* exceptions = Variable("no_proxy", "NO_PROXY");
+  if (exceptions != nullptr && strcmp(exceptions, "*") == 0) return true;
   TextBuffer proxies = {};
   AppendEntry(&proxies, "http=", http != nullptr ? http : any);
   AppendEntry(&proxies, "https=", https != nullptr ? https : any);
