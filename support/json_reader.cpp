@@ -166,12 +166,15 @@ inline char* ParseScalar(JsonReader* reader, char* at, const JsonNode** node) {
 char* ParseArray(JsonReader* reader, char* at, const JsonNode** node);
 char* ParseObject(JsonReader* reader, char* at, const JsonNode** node);
 
-char* ParseElement(JsonReader* reader, char* at, const JsonNode** node) {
-  if (Is(*at, kScalarStart)) return ParseScalar(reader, at, node);
+char* ParseContainer(JsonReader* reader, char* at, const JsonNode** node) {
   if (*at == '{') return ParseObject(reader, at, node);
   if (*at == '[') return ParseArray(reader, at, node);
   std::printf("UNKOWN TYPE\n");
   return nullptr;
+}
+
+inline char* ParseElement(JsonReader* reader, char* at, const JsonNode** node) {
+  return Is(*at, kScalarStart) ? ParseScalar(reader, at, node) : ParseContainer(reader, at, node);
 }
 
 // What follows an element or member: the next one's first character, or behind the container's closing bracket, which
