@@ -17,8 +17,8 @@ const ZelBaseRtcBridgeInterface& bridge_interface() noexcept;
 /** Starts of the clock service that have not been matched by a stop. The clock itself runs all the time. */
 std::uint32_t clock_users() noexcept;
 
-/** While it lives, sees the address of every word that its own thread loads through slot 2. `see` must not throw. Nests,
- * the innermost one sees; destroyed in reverse order. */
+/** While it lives, sees the address of every word that its own thread loads through slot 2. `see` must not throw.
+ * Nests, the innermost one sees; destroyed in reverse order. */
 class WordWatch {
  public:
   explicit WordWatch(std::function<void(const std::uint32_t*)> see) noexcept;

@@ -75,9 +75,9 @@ class RoomError : public std::runtime_error {
 enum class FrameResult {
   kTaken,
   kDisabled,  ///< the application has disabled the member; the frame was dropped
-  /// Nothing taken: eight utterances wait, the ring buffer is nearly full, or the room is being reset. The same frame can
-  /// be fed again after a pump. Refused silence may be forgotten: the utterance then stays open a little longer; refused
-  /// audio that is not fed again is lost.
+  /// Nothing taken: eight utterances wait, the ring buffer is nearly full, or the room is being reset. The same frame
+  /// can be fed again after a pump. Refused silence may be forgotten: the utterance then stays open a little longer;
+  /// refused audio that is not fed again is lost.
   kFull,
   kTooLong,       ///< nothing taken: more than kMaxPacketSize bytes
   kNoSuchMember,  ///< nothing taken: not a member, or leaving

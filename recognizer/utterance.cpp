@@ -163,7 +163,9 @@ uint32_t zelSttRecognizer_EndUtterance(SttRecognizer* recognizer) {
     return DiscardUtterance(recognizer);
   }
   ZelRingBufferChunk stream;
-  if (!FlushStream(recognizer) || !TakeStream(recognizer, &stream)) return DiscardUtterance(recognizer);
+  if (recognizer->stream_begun == 0 || !FlushStream(recognizer) || !TakeStream(recognizer, &stream)) {
+    return DiscardUtterance(recognizer);
+  }
 
   slot.data = stream.data;
   zelAtomic_Store(&slot.size, stream.size);

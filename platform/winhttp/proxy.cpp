@@ -150,7 +150,8 @@ char* zelHttpProxy_Select(const char* list, const char* bypass, bool secure, con
     const char* server = EntryFor(entry, &size, secure);
     if (server != nullptr && size > 0 && !IsBypassed(bypass, host)) {
       if (!HasScheme(server, size)) zelHttpText_AppendString(&proxy, "http://");
-      if (*server == ':') zelHttpText_AppendString(&proxy, "127.0.0.1");  // a port alone is one of this machine
+      // A port alone is one of this machine.
+      if (*server == ':' && 1 + strspn(server + 1, "0123456789") >= size) zelHttpText_AppendString(&proxy, "127.0.0.1");
       zelHttpText_Append(&proxy, server, size);
     }
     entry += entry_size;

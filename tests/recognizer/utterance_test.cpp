@@ -73,7 +73,17 @@ TEST(Utterance, IsNeverPostedInPart) {
   rig.host.acquire_limit = [](std::uint32_t lane, std::uint32_t size) { return lane == 1 ? 0 : size; };
   rig.Say(5);
   EXPECT_EQ(rig.FilledSlots(), 0);
+  // Nor does it come back later, behind what was said meanwhile.
   rig.host.acquire_limit = nullptr;
+  rig.Speak(6, "secret");
+  rig.host.acquire_limit = [](std::uint32_t lane, std::uint32_t size) { return lane == 1 ? 0 : size; };
+  zelSttRecognizer_EnableMember(rig.handle, 0);
+  rig.Update();
+  zelSttRecognizer_EnableMember(rig.handle, 1);
+  rig.Speak(5, "lost");
+  rig.host.acquire_limit = nullptr;
+  rig.Pause();
+  EXPECT_EQ(rig.FilledSlots(), 0);
   rig.Say(5, "kept");
   const std::vector<std::string> bodies = Bodies(&rig);
   ASSERT_EQ(bodies.size(), 1u);

@@ -23,8 +23,8 @@ std::string Object(const std::string& members) {
   return "{" + members + "}";
 }
 
-// Parses `text`, once with the length of all its bytes. What stands behind its terminator would lead a reader that goes on
-// there far astray.
+// Parses `text`, once with the length of all its bytes. What stands behind its terminator would lead a reader that goes
+// on there far astray.
 class Parsed {
  public:
   explicit Parsed(const std::string& text) : bytes_(text + '\0' + Repeat("\"}]", 20)) {
