@@ -252,8 +252,8 @@ static void ring_buffer_acquire(void* handle, uint32_t lane, uint32_t size, ZelR
   system_mutex_unlock(&ring->mutex);
 }
 
-/* Puts a chunk into a lane, at byte `position` of lane 1; free bytes have no order. Does nothing for a chunk that is not
- * out. */
+/* Puts a chunk into a lane, at byte `position` of lane 1; free bytes have no order. Does nothing for a chunk that is
+ * not out. */
 static void give_back(Ring* ring, uint32_t lane, const ZelRingBufferChunk* chunk, uint32_t position) {
   if (chunk->size == 0) return;
   const size_t area = (size_t)((uintptr_t)chunk->data - (uintptr_t)area_of(ring, 0)) / ring->capacity;

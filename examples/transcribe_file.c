@@ -131,8 +131,8 @@ static void update(const Host* host) {
   }
 }
 
-/* One frame of the member's voice, null for 40 ms of silence. A room would go on at the pace of speech; here time stands
- * still while an utterance waits for its answer, so that none of a long file is lost to a slow service. */
+/* One frame of the member's voice, null for 40 ms of silence. A room would go on at the pace of speech; here time
+ * stands still while an utterance waits for its answer, so that none of a long file is lost to a slow service. */
 static void put_frame(const Host* host, const uint8_t* data, uint32_t size) {
   const SttAudioFrame frame = {data, size};
   host->recognizer->interface_table->PutAudioFrame(host->recognizer->instance, &frame);
@@ -146,7 +146,8 @@ static void end_utterance(const Host* host) {
 }
 
 /* Feeds the whole file; false when it is not what the plug-in takes. A recording hardly ever tells where its speaker
- * pauses, as a room's voice detection does, so an utterance ends before it can exceed the plug-in's 60 s or 81920 bytes. */
+ * pauses, as a room's voice detection does, so an utterance ends before it can exceed the plug-in's 60 s or 81920
+ * bytes. */
 static int feed_file(const Host* host, OpusFile* opus) {
   enum { kMaxFrames = 750, kMaxBytes = 60000, kFrameDuration = 16, kMaxPacket = 256, kDiscontinued = 2 };
   int frames = 0;

@@ -25,8 +25,8 @@ std::string json_object(const JsonMembers& members);
 std::string printable(std::string_view text);
 
 /** unescape, with "<token>" for the token and for every part of it of 8 bytes or more: a service that answers with what
- * it was sent may cut it off anywhere. The token is found as it is, escaped for JSON, percent-encoded, and first the one
- * and then the other; nothing is promised about other encodings (Base64, HTML, letters of the other case). */
+ * it was sent may cut it off anywhere. The token is found as it is, escaped for JSON, percent-encoded, and first the
+ * one and then the other; nothing is promised about other encodings (Base64, HTML, letters of the other case). */
 std::string hide_token(std::string_view raw, std::string_view token);
 
 }  // namespace zel::transcribe

@@ -14,7 +14,7 @@ struct Services {
   std::string bundle;     ///< PEM file with that and the system's certificates
 };
 
-/** exchange_plain and exchange_tls. Checks before anything is measured that all contestants send and receive the same. */
+/** exchange_plain and exchange_tls. Checks before anything is measured that all contestants send and receive alike. */
 void register_exchanges(const Services& services);
 /** hand_over. */
 void register_hand_over();

@@ -1,7 +1,7 @@
-// libavformat's Ogg muxer, writing Ogg Opus streams into memory as a program would that has it anyway and wants it fast:
-// pages are let grow to about the 4 KB of libogg's, where the muxer's own default would cut them every second; nothing is
-// flushed before it must be; the output context is used again for every stream. The muxer itself cannot be, since a
-// trailer ends it.
+// libavformat's Ogg muxer, writing Ogg Opus streams into memory as a program would that has it anyway and wants it
+// fast: pages are let grow to about the 4 KB of libogg's, where the muxer's own default would cut them every second;
+// nothing is flushed before it must be; the output context is used again for every stream. The muxer itself cannot be,
+// since a trailer ends it.
 //
 // Thread rule: an object belongs to one thread, and stays where it was constructed. Errors: std::runtime_error.
 #pragma once

@@ -22,14 +22,14 @@ inline constexpr std::size_t kReplyCapacity = 1232;
 /** Of each phase of an exchange; never reached. */
 inline constexpr long kTimeoutSeconds = 20;
 
-/** libcurl's easy interface: a fresh handle, with the options that the plug-in's promises call for, performed and cleaned
- * up. It does not count the head's bytes, tell phases of the exchange apart or keep SIGPIPE from the process.
+/** libcurl's easy interface: a fresh handle, with the options that the plug-in's promises call for, performed and
+ * cleaned up. It does not count the head's bytes, tell phases of the exchange apart or keep SIGPIPE from the process.
  * `trusted`: a PEM file; empty: no TLS. The reply's body. */
 std::string post_with_curl(const Post& post, const std::string& trusted);
 
 /** The same options through libcurl's multi interface, which alone lets each phase of an exchange end at its own
- * deadline, with the callbacks that tell phases apart and with SIGPIPE kept from the process: what the plug-in's promises
- * cost in libcurl. The callbacks do nothing else. */
+ * deadline, with the callbacks that tell phases apart and with SIGPIPE kept from the process: what the plug-in's
+ * promises cost in libcurl. The callbacks do nothing else. */
 std::string post_step_by_step(const Post& post, const std::string& trusted);
 
 }  // namespace bench

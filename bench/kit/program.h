@@ -9,8 +9,8 @@
 
 namespace bench {
 
-/** Registers, runs and forgets the rows; a program's exit status. Arguments: those of the benchmark library. An exception
- * of a benchmark comes through. */
+/** Registers, runs and forgets the rows; a program's exit status. Arguments: those of the benchmark library. An
+ * exception of a benchmark comes through. */
 inline int run_program(int argc, char** argv, const std::function<void()>& register_rows) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;

@@ -74,8 +74,8 @@ class Limit {
   ReadReply read_;
 };
 
-// Where replies and their trees lie begins a cache line: otherwise the linker decides, and replies of 100 bytes take up to
-// 15 % more or less.
+// Where replies and their trees lie begins a cache line: otherwise the linker decides, and replies of 100 bytes take up
+// to 15 % more or less.
 constexpr std::size_t kLine = 64;
 
 struct alignas(kLine) Buffer {

@@ -1,5 +1,5 @@
-// bench_rooms: many members at once. With --measure-memory and a contestant's name as the only arguments: what memory.cpp
-// runs as a process of its own.
+// bench_rooms: many members at once. With --measure-memory and a contestant's name as the only arguments: what
+// memory.cpp runs as a process of its own.
 #include <cstdio>
 #include <exception>
 #include <string_view>

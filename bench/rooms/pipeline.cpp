@@ -1,6 +1,7 @@
 // Row pipeline: what a member's audio costs from the frame to the finished stream, in a room of 64 members who all
-// speak. One iteration is one round, eight utterances of each member, so that all iterations hold the same work. Posting is
-// left out for everybody; what would follow it, the return of the streams' memory, comes at the end of a round.
+// speak. One iteration is one round, eight utterances of each member, so that all iterations hold the same work.
+// Posting is left out for everybody; what would follow it, the return of the streams' memory, comes at the end of a
+// round.
 //
 // Limit: libogg and the reference host's ring buffer (pipeline_libogg.cpp). Peers: the same streams by libavformat and
 // by GStreamer, without a ring buffer. Everybody works on the calling thread, whose CPU time counts.

@@ -15,8 +15,8 @@ inline constexpr double kFramesPerSecond = 25;
 /** The frames of one round. Made once. */
 std::span<const SttAudioFrame> script();
 
-/** A member's place in the script; the members of a room start at places evenly apart, so that every tick holds the same
- * mixture of work. */
+/** A member's place in the script; the members of a room start at places evenly apart, so that every tick holds the
+ * same mixture of work. */
 class Place {
  public:
   Place(std::size_t member, std::size_t members) : next_(member * frames_.size() / members) {}

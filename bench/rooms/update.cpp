@@ -40,8 +40,8 @@ class IdleRoom {
       sum += __atomic_load_n(word, __ATOMIC_SEQ_CST);
     benchmark::DoNotOptimize(sum);
   }
-  // Sends every line of the session to memory, whatever the size of the last cache, and the page tables out of the core's
-  // own caches.
+  // Sends every line of the session to memory, whatever the size of the last cache, and the page tables out of the
+  // core's own caches.
   void evict() {
     for (std::size_t i = 0; i < session_.area().size(); i += kLine)
       _mm_clflush(session_.area().data() + i);
