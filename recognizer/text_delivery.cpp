@@ -90,7 +90,7 @@ void zelSttRecognizer_ReleaseText(void* instance, PacketRef* packet) {
 }
 
 void zelSttRecognizer_ReleaseQueuedTexts(SttRecognizer* recognizer) {
-  if (recognizer->mutex != nullptr) zelMutex_Lock(recognizer->mutex);
+  zelMutex_Lock(recognizer->mutex);
   zelPtrQueue_ReleaseAll(recognizer->packet_queue);
-  if (recognizer->mutex != nullptr) zelMutex_Unlock(recognizer->mutex);
+  zelMutex_Unlock(recognizer->mutex);
 }

@@ -11,6 +11,8 @@
 #include <memory>
 #include <stdexcept>
 
+#include "freed.h"
+
 namespace bench {
 namespace {
 
@@ -32,13 +34,6 @@ std::size_t take_reply(char* bytes, std::size_t, std::size_t size, void* user) {
   return size;
 }
 
-template <auto Free>
-struct Freed {
-  template <typename T>
-  void operator()(T* object) const {
-    Free(object);
-  }
-};
 using Easy = std::unique_ptr<CURL, Freed<curl_easy_cleanup>>;
 using Multi = std::unique_ptr<CURLM, Freed<curl_multi_cleanup>>;
 using List = std::unique_ptr<curl_slist, Freed<curl_slist_free_all>>;

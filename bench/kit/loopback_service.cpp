@@ -18,6 +18,8 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "freed.h"
+
 namespace bench {
 namespace {
 
@@ -28,13 +30,6 @@ void require(bool ok, const char* what) {
   if (!ok) throw std::runtime_error(what);
 }
 
-template <auto Free>
-struct Freed {
-  template <typename T>
-  void operator()(T* object) const {
-    Free(object);
-  }
-};
 using Key = std::unique_ptr<EVP_PKEY, Freed<EVP_PKEY_free>>;
 using Certificate = std::unique_ptr<X509, Freed<X509_free>>;
 using Memory = std::unique_ptr<BIO, Freed<BIO_free_all>>;
